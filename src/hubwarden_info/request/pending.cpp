@@ -1,0 +1,48 @@
+// Operations whose subsystems have not landed yet. Each answers as a
+// command that is not served yet: no reply, no error, no side effect.
+// A subsystem that lands removes its entries from this file.
+#include "request/operations.h"
+
+namespace hubwarden {
+
+// Monitoring
+ErrorName get_server_info(ReplySlot&, const Value*, bool, Dict*) { return nullptr; }
+ErrorName get_hardware_info(ReplySlot&, const Value*, bool, Dict*) { return nullptr; }
+ErrorName get_history_data(const Value*, const Value&, ReplySlot&, Dict*) { return nullptr; }
+ErrorName update_history_data(Dict*) { return nullptr; }
+ErrorName kill_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+ErrorName list_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+
+// Software update
+ErrorName get_swupdate_status(ReplySlot&, Dict*) { return nullptr; }
+ErrorName start_swupdate_scan(const Value*, ReplySlot&, Dict*) { return nullptr; }
+ErrorName start_swupdate_install(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+ErrorName ignore_swupdate_identifiers(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+ErrorName reset_ignored_swupdate_identifiers(ReplySlot&, Dict*) { return nullptr; }
+ErrorName reboot_post_swupdate(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+void delete_swupdate_status_dict(Dict*) {}
+ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
+
+// Settings
+ErrorName read_settings(const Dict*, ReplySlot&, Dict*) { return nullptr; }
+ErrorName write_settings(const Dict&, ReplySlot&, Dict*) { return nullptr; }
+
+// Access control and services
+ErrorName read_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; }
+ErrorName write_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; }
+std::optional<Dict> build_services_dict(bool, bool, Dict*) { return std::nullopt; }
+ErrorName mark_running_services_configured(Dict*, const Value*) { return nullptr; }
+std::optional<Array> sacls_for_user(const Value*, Dict*, bool) { return std::nullopt; }
+void register_services_with_zeroconf(bool, Dict*) {}
+void register_server_waiting_for_setup_with_zeroconf(Dict*) {}
+
+// Host identity and time
+void init_info_hostname() {}
+void check_host_name(const std::string&, int, int) {}
+bool has_missing_kerberized_services(Dict*) { return false; }
+
+// Notifications
+ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
+void register_service_state_watcher() {}
+
+}  // namespace hubwarden
