@@ -9,13 +9,12 @@
 #include "platform/paths.h"
 #include "request/cached_state.h"
 #include "request/globals.h"
+#include "request/idle_driver.h"
 #include "request/module.h"
 #include "request/operations.h"
 #include "settings/settings_file.h"
 
 namespace hubwarden {
-
-inline constexpr const char* kSetupDoneMarker = "/var/db/.MarloSetupDone";
 
 namespace {
 
@@ -62,14 +61,14 @@ int pass_number(const char* text) {
   return static_cast<int>(n);
 }
 
-int result_code(ErrorName error) {
+}  // namespace
+
+int idle_result_code(ErrorName error) {
   if (!error) return 0;
   if (same_error(error, kCannotMallocErr)) return 12;
   if (same_error(error, kSettingNotFoundErr) || same_error(error, kCannotLaunchUpdateError)) return 2;
   return 13;
 }
-
-}  // namespace
 
 int doProcessArgs(int argc, const char* const argv[], Dict* context, int lock_file_fd) {
   (void)lock_file_fd;
@@ -123,7 +122,7 @@ int doProcessArgs(int argc, const char* const argv[], Dict* context, int lock_fi
   ErrorName swupdate = periodic_swupdate_handler(context);
   if (!error) error = notifications;
   if (!error) error = swupdate;
-  return result_code(error);
+  return idle_result_code(error);
 }
 
 void reset_module_globals_for_testing() {
