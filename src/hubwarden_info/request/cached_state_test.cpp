@@ -13,6 +13,9 @@
 namespace hubwarden {
 namespace {
 
+using plist::Array;
+using plist::Dict;
+using plist::Value;
 using testing::Installed;
 
 class StubHost : public platform::HostInfo {
