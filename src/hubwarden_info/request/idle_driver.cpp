@@ -20,7 +20,7 @@ namespace {
 
 bool setting_is_true(const char* key) {
   std::optional<Value> v = read_key_from_settings_file(key);
-  return v && v->number_is_true();
+  return v && plist::is_flag_set(&*v);
 }
 
 void clear_transient_state(Dict* context) {
