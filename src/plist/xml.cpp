@@ -1,0 +1,626 @@
+// The XML property-list reader and writer.
+//
+// Reading goes through pugixml and then walks its tree into plist values;
+// pugixml never reads a DTD, so a DOCTYPE is skipped and no entity beyond the
+// five predefined ones and character references is ever expanded. Writing is
+// done here by hand because the output has a fixed shape and because every
+// string must be made safe for XML 1.0 on the way out.
+#include <pugixml.hpp>
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+#include "plist/codec.h"
+
+namespace plist {
+
+namespace {
+
+// Deeper documents are refused: the reader and the value destructor recurse.
+constexpr int kMaxDepth = 512;
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
+  while (!s.empty() && is_blank(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+// ---- number, date and data texts ----
+
+bool parse_integer(std::string_view s, Value& out) {
+  s = trim(s);
+  bool negative = false;
+  if (!s.empty() && (s.front() == '-' || s.front() == '+')) {
+    negative = s.front() == '-';
+    s.remove_prefix(1);
+  }
+  if (s.empty()) return false;
+  uint64_t magnitude = 0;
+  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), magnitude);
+  if (ec != std::errc() || end != s.data() + s.size()) return false;
+  if (negative) {
+    // The magnitude of INT64_MIN is one more than INT64_MAX.
+    constexpr uint64_t kMinMagnitude = static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) + 1;
+    if (magnitude > kMinMagnitude) return false;
+    out = Value(magnitude == kMinMagnitude ? std::numeric_limits<int64_t>::min()
+                                           : -static_cast<int64_t>(magnitude));
+    return true;
+  }
+  if (magnitude <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
+    out = Value(static_cast<int64_t>(magnitude));
+  else
+    out = Value(magnitude);
+  return true;
+}
+
+bool parse_real(std::string_view s, double& out) {
+  s = trim(s);
+  if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+  if (s.empty()) return false;
+  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), out);
+  if (end != s.data() + s.size()) return false;
+  if (ec == std::errc::result_out_of_range) {
+    // A magnitude beyond double's range reads as infinity, one below it as
+    // zero, rather than refusing a number another writer produced.
+    size_t e = s.find_first_of("eE");
+    bool underflow = e != std::string_view::npos && e + 1 < s.size() && s[e + 1] == '-';
+    double magnitude = underflow ? 0.0 : std::numeric_limits<double>::infinity();
+    out = s.front() == '-' ? -magnitude : magnitude;
+    return true;
+  }
+  return ec == std::errc();
+}
+
+// Days since 1970-01-01 of a proleptic Gregorian date, and back.
+int64_t days_from_civil(int64_t y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+void civil_from_days(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
+  z += 719468;
+  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  d = doy - (153 * mp + 2) / 5 + 1;
+  m = mp < 10 ? mp + 3 : mp - 9;
+  y = static_cast<int64_t>(yoe) + era * 400 + (m <= 2);
+}
+
+bool read_digits(std::string_view s, size_t pos, size_t count, unsigned& out) {
+  if (pos + count > s.size()) return false;
+  out = 0;
+  for (size_t i = pos; i < pos + count; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+    out = out * 10 + static_cast<unsigned>(s[i] - '0');
+  }
+  return true;
+}
+
+// "YYYY-MM-DDTHH:MM:SSZ", always UTC.
+bool parse_date(std::string_view s, Date& out) {
+  s = trim(s);
+  unsigned year, month, day, hour, minute, second;
+  if (s.size() != 20 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' || s[16] != ':' ||
+      s[19] != 'Z')
+    return false;
+  if (!read_digits(s, 0, 4, year) || !read_digits(s, 5, 2, month) || !read_digits(s, 8, 2, day) ||
+      !read_digits(s, 11, 2, hour) || !read_digits(s, 14, 2, minute) || !read_digits(s, 17, 2, second))
+    return false;
+  static constexpr unsigned kDaysIn[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (month < 1 || month > 12 || day < 1 || day > kDaysIn[month - 1] || hour > 23 || minute > 59 ||
+      second > 60)
+    return false;
+  bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  if (month == 2 && day == 29 && !leap) return false;
+  int64_t days = days_from_civil(year, month, day);
+  out.seconds = static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second);
+  return true;
+}
+
+constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+int base64_digit(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+
+// Whitespace anywhere is ignored (writers wrap lines); padding is optional
+// but nothing but padding may follow it.
+bool decode_base64(std::string_view s, Data& out) {
+  out.clear();
+  out.reserve(s.size() / 4 * 3);
+  uint32_t bits = 0;
+  int count = 0;
+  bool padding = false;
+  for (char c : s) {
+    if (is_blank(c)) continue;
+    if (c == '=') {
+      padding = true;
+      continue;
+    }
+    int v = base64_digit(c);
+    if (v < 0 || padding) return false;
+    bits = (bits << 6) | static_cast<uint32_t>(v);
+    if (++count == 4) {
+      out.push_back(static_cast<uint8_t>(bits >> 16));
+      out.push_back(static_cast<uint8_t>(bits >> 8));
+      out.push_back(static_cast<uint8_t>(bits));
+      bits = 0;
+      count = 0;
+    }
+  }
+  if (count == 1) return false;
+  if (count == 2) out.push_back(static_cast<uint8_t>(bits >> 4));
+  if (count == 3) {
+    out.push_back(static_cast<uint8_t>(bits >> 10));
+    out.push_back(static_cast<uint8_t>(bits >> 2));
+  }
+  return true;
+}
+
+// ---- reader ----
+
+class XmlReader {
+ public:
+  explicit XmlReader(std::string_view text) : text_(text) {}
+
+  Parsed run();
+
+ private:
+  bool read_value(pugi::xml_node node, int depth, Value& out);
+  bool read_dict(pugi::xml_node node, int depth, Value& out);
+  bool read_array(pugi::xml_node node, int depth, Value& out);
+  // The concatenated text and CDATA content of a leaf element.
+  bool leaf_text(pugi::xml_node node, std::string& out);
+  bool fail(pugi::xml_node node, const std::string& message);
+  bool fail_at(ptrdiff_t offset, const std::string& message);
+
+  std::string_view text_;
+  std::string error_;
+};
+
+bool XmlReader::fail_at(ptrdiff_t offset, const std::string& message) {
+  if (offset < 0 || static_cast<size_t>(offset) > text_.size()) {
+    error_ = "XML property list: " + message;
+    return false;
+  }
+  size_t line = 1;
+  for (size_t i = 0; i < static_cast<size_t>(offset); ++i)
+    if (text_[i] == '\n') ++line;
+  error_ = "XML property list, line " + std::to_string(line) + ": " + message;
+  return false;
+}
+
+bool XmlReader::fail(pugi::xml_node node, const std::string& message) {
+  return fail_at(node.offset_debug(), message);
+}
+
+bool XmlReader::leaf_text(pugi::xml_node node, std::string& out) {
+  pugi::xml_node child = node.first_child();
+  // The common case, one text node, avoids building the string piecewise.
+  if (child && !child.next_sibling() && (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)) {
+    out.assign(child.value());
+    return true;
+  }
+  out.clear();
+  for (; child; child = child.next_sibling()) {
+    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+      out.append(child.value());
+    else if (child.type() == pugi::node_element)
+      return fail(child, std::string("unexpected element <") + child.name() + "> inside <" + node.name() + ">");
+  }
+  return true;
+}
+
+bool XmlReader::read_dict(pugi::xml_node node, int depth, Value& out) {
+  Dict dict;
+  std::string key;
+  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling()) {
+    if (child.type() != pugi::node_element) {
+      if (trim(child.value()).empty()) continue;
+      return fail(node, "unexpected text inside <dict>");
+    }
+    if (std::strcmp(child.name(), "key") != 0)
+      return fail(child, std::string("expected <key> inside <dict>, found <") + child.name() + ">");
+    if (!leaf_text(child, key)) return false;
+    pugi::xml_node value_node = child.next_sibling();
+    while (value_node && value_node.type() != pugi::node_element) {
+      if (!trim(value_node.value()).empty()) return fail(node, "unexpected text inside <dict>");
+      value_node = value_node.next_sibling();
+    }
+    if (!value_node) return fail(child, "key \"" + key + "\" has no value");
+    Value value;
+    if (!read_value(value_node, depth + 1, value)) return false;
+    dict.set(key, std::move(value));  // a repeated key keeps the last value
+    child = value_node;
+  }
+  out = Value(std::move(dict));
+  return true;
+}
+
+bool XmlReader::read_array(pugi::xml_node node, int depth, Value& out) {
+  Array array;
+  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling()) {
+    if (child.type() != pugi::node_element) {
+      if (trim(child.value()).empty()) continue;
+      return fail(node, "unexpected text inside <array>");
+    }
+    array.emplace_back();
+    if (!read_value(child, depth + 1, array.back())) return false;
+  }
+  out = Value(std::move(array));
+  return true;
+}
+
+bool XmlReader::read_value(pugi::xml_node node, int depth, Value& out) {
+  if (depth > kMaxDepth) return fail(node, "nesting deeper than " + std::to_string(kMaxDepth) + " levels");
+  std::string_view name = node.name();
+  if (name == "dict") return read_dict(node, depth, out);
+  if (name == "array") return read_array(node, depth, out);
+
+  std::string text;
+  if (name == "string") {
+    if (!leaf_text(node, text)) return false;
+    out = Value(std::move(text));
+    return true;
+  }
+  if (name == "true" || name == "false") {
+    if (!leaf_text(node, text)) return false;
+    if (!trim(text).empty()) return fail(node, "<" + std::string(name) + "> must be empty");
+    out = Value(name == "true");
+    return true;
+  }
+  if (!leaf_text(node, text)) return false;
+  if (name == "integer") {
+    if (!parse_integer(text, out)) return fail(node, "bad integer \"" + text + "\"");
+    return true;
+  }
+  if (name == "real") {
+    double d = 0;
+    if (!parse_real(text, d)) return fail(node, "bad real \"" + text + "\"");
+    out = Value(d);
+    return true;
+  }
+  if (name == "date") {
+    Date date;
+    if (!parse_date(text, date)) return fail(node, "bad date \"" + text + "\"");
+    out = Value(date);
+    return true;
+  }
+  if (name == "data") {
+    Data data;
+    if (!decode_base64(text, data)) return fail(node, "bad base64 in <data>");
+    out = Value(std::move(data));
+    return true;
+  }
+  return fail(node, "unknown element <" + std::string(name) + ">");
+}
+
+Parsed XmlReader::run() {
+  Parsed result;
+  if (text_.starts_with("\xEF\xBB\xBF")) text_.remove_prefix(3);
+  // XML forbids NUL; pugixml would silently stop reading at one.
+  if (std::memchr(text_.data(), '\0', text_.size()) != nullptr) {
+    result.error = "XML property list: document contains a NUL byte";
+    return result;
+  }
+  pugi::xml_document doc;
+  // A fragment parse keeps text outside the root element, so trailing
+  // garbage can be seen and refused below.
+  constexpr unsigned kOptions = pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol | pugi::parse_fragment;
+  pugi::xml_parse_result parsed = doc.load_buffer(text_.data(), text_.size(), kOptions, pugi::encoding_utf8);
+  if (!parsed) {
+    fail_at(parsed.offset, parsed.description());
+    result.error = std::move(error_);
+    return result;
+  }
+  pugi::xml_node root;
+  for (pugi::xml_node child = doc.first_child(); child; child = child.next_sibling()) {
+    if (child.type() == pugi::node_element) {
+      if (root) {
+        fail(child, std::string("unexpected element <") + child.name() + "> after the root element");
+        result.error = std::move(error_);
+        return result;
+      }
+      root = child;
+    } else if ((child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) &&
+               !trim(child.value()).empty()) {
+      fail(child, "unexpected text outside the root element");
+      result.error = std::move(error_);
+      return result;
+    }
+  }
+  if (!root) {
+    result.error = "XML property list: no root element";
+    return result;
+  }
+  pugi::xml_node value_node = root;
+  if (std::strcmp(root.name(), "plist") == 0) {
+    value_node = pugi::xml_node();
+    for (pugi::xml_node child = root.first_child(); child; child = child.next_sibling()) {
+      if (child.type() != pugi::node_element) {
+        if (trim(child.value()).empty()) continue;
+        fail(root, "unexpected text inside <plist>");
+        result.error = std::move(error_);
+        return result;
+      }
+      if (value_node) {
+        fail(child, "<plist> holds more than one value");
+        result.error = std::move(error_);
+        return result;
+      }
+      value_node = child;
+    }
+    if (!value_node) {
+      fail(root, "<plist> holds no value");
+      result.error = std::move(error_);
+      return result;
+    }
+  }
+  Value value;
+  if (!read_value(value_node, 1, value)) {
+    result.error = std::move(error_);
+    return result;
+  }
+  result.value = std::move(value);
+  return result;
+}
+
+// ---- writer ----
+
+void append_indent(std::string& out, int depth) { out.append(static_cast<size_t>(depth), '\t'); }
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+
+// Length of the valid UTF-8 sequence at s[i], or 0 when the bytes there are
+// not one (overlong forms, surrogates and values past U+10FFFF included).
+size_t utf8_sequence_length(std::string_view s, size_t i) {
+  auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+  unsigned char c = byte(i);
+  size_t left = s.size() - i;
+  auto cont = [&](size_t k) { return (byte(k) & 0xC0) == 0x80; };
+  if (c >= 0xC2 && c <= 0xDF) return left >= 2 && cont(i + 1) ? 2 : 0;
+  if (c >= 0xE0 && c <= 0xEF) {
+    if (left < 3 || !cont(i + 1) || !cont(i + 2)) return 0;
+    unsigned char c1 = byte(i + 1);
+    if (c == 0xE0 && c1 < 0xA0) return 0;  // overlong
+    if (c == 0xED && c1 >= 0xA0) return 0;  // surrogate
+    // U+FFFE and U+FFFF are not XML characters.
+    if (c == 0xEF && c1 == 0xBF && (byte(i + 2) == 0xBE || byte(i + 2) == 0xBF)) return 0;
+    return 3;
+  }
+  if (c >= 0xF0 && c <= 0xF4) {
+    if (left < 4 || !cont(i + 1) || !cont(i + 2) || !cont(i + 3)) return 0;
+    unsigned char c1 = byte(i + 1);
+    if (c == 0xF0 && c1 < 0x90) return 0;  // overlong
+    if (c == 0xF4 && c1 >= 0x90) return 0;  // past U+10FFFF
+    return 4;
+  }
+  return 0;
+}
+
+// Escapes markup characters and replaces whatever XML 1.0 cannot carry (most
+// control characters, broken UTF-8) with U+FFFD, so that any string, such as
+// log text read from a file, still yields a document that reads back. CR is
+// written as a reference because a literal one would read back as LF.
+void append_xml_escaped(std::string& out, std::string_view s) {
+  size_t i = 0;
+  const size_t n = s.size();
+  while (i < n) {
+    // Copy the longest run that needs no attention in one go.
+    size_t run = i;
+    while (run < n) {
+      unsigned char c = static_cast<unsigned char>(s[run]);
+      if (c < 0x20 || c >= 0x80 || c == '&' || c == '<' || c == '>') break;
+      ++run;
+    }
+    out.append(s.data() + i, run - i);
+    i = run;
+    if (i >= n) break;
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c == '&') {
+      out.append("&amp;");
+      ++i;
+    } else if (c == '<') {
+      out.append("&lt;");
+      ++i;
+    } else if (c == '>') {
+      out.append("&gt;");
+      ++i;
+    } else if (c == '\t' || c == '\n') {
+      out.push_back(static_cast<char>(c));
+      ++i;
+    } else if (c == '\r') {
+      out.append("&#13;");
+      ++i;
+    } else if (c < 0x20) {
+      out.append(kReplacement);
+      ++i;
+    } else {
+      size_t len = utf8_sequence_length(s, i);
+      if (len == 0) {
+        out.append(kReplacement);
+        ++i;
+      } else {
+        out.append(s.data() + i, len);
+        i += len;
+      }
+    }
+  }
+}
+
+void append_date(std::string& out, double seconds) {
+  // Clamp to years 0001..9999 so the text always has the four-digit form
+  // the reader accepts; NaN has no meaningful date and becomes the epoch.
+  constexpr double kFirst = -62135596800.0;  // 0001-01-01T00:00:00Z
+  constexpr double kLast = 253402300799.0;   // 9999-12-31T23:59:59Z
+  if (std::isnan(seconds)) seconds = 0;
+  seconds = std::floor(seconds);
+  if (seconds < kFirst) seconds = kFirst;
+  if (seconds > kLast) seconds = kLast;
+  int64_t total = static_cast<int64_t>(seconds);
+  int64_t days = total >= 0 ? total / 86400 : -((-total + 86399) / 86400);
+  int64_t rest = total - days * 86400;
+  int64_t year;
+  unsigned month, day;
+  civil_from_days(days, year, month, day);
+  char buf[32];
+  int len = std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(year), month, day,
+                          static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60),
+                          static_cast<int>(rest % 60));
+  out.append(buf, static_cast<size_t>(len));
+}
+
+void append_base64(std::string& out, const Data& data) {
+  size_t i = 0;
+  const size_t n = data.size();
+  out.reserve(out.size() + (n + 2) / 3 * 4);
+  for (; i + 3 <= n; i += 3) {
+    uint32_t v = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
+    out.push_back(kBase64Alphabet[v >> 18]);
+    out.push_back(kBase64Alphabet[(v >> 12) & 63]);
+    out.push_back(kBase64Alphabet[(v >> 6) & 63]);
+    out.push_back(kBase64Alphabet[v & 63]);
+  }
+  if (n - i == 1) {
+    uint32_t v = uint32_t{data[i]} << 16;
+    out.push_back(kBase64Alphabet[v >> 18]);
+    out.push_back(kBase64Alphabet[(v >> 12) & 63]);
+    out.append("==");
+  } else if (n - i == 2) {
+    uint32_t v = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8);
+    out.push_back(kBase64Alphabet[v >> 18]);
+    out.push_back(kBase64Alphabet[(v >> 12) & 63]);
+    out.push_back(kBase64Alphabet[(v >> 6) & 63]);
+    out.push_back('=');
+  }
+}
+
+void append_real(std::string& out, double d) {
+  if (std::isnan(d)) {
+    out.append("nan");
+    return;
+  }
+  if (std::isinf(d)) {
+    out.append(d < 0 ? "-inf" : "inf");
+    return;
+  }
+  // The shortest text that reads back as the same double.
+  char buf[64];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d);
+  out.append(buf, ec == std::errc() ? static_cast<size_t>(end - buf) : 0);
+}
+
+template <typename T>
+void append_number(std::string& out, T v) {
+  char buf[24];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  out.append(buf, static_cast<size_t>(end - buf));
+}
+
+void write_value(std::string& out, const Value& value, int depth) {
+  append_indent(out, depth);
+  switch (value.type()) {
+    case Type::Null:
+      // There is no null element; an empty string is the closest reading.
+      out.append("<string></string>\n");
+      return;
+    case Type::Bool:
+      out.append(*value.as_bool() ? "<true/>\n" : "<false/>\n");
+      return;
+    case Type::Integer:
+      out.append("<integer>");
+      append_number(out, *value.as_integer());
+      out.append("</integer>\n");
+      return;
+    case Type::Unsigned:
+      out.append("<integer>");
+      append_number(out, *value.as_unsigned());
+      out.append("</integer>\n");
+      return;
+    case Type::Real:
+      out.append("<real>");
+      append_real(out, *value.as_real());
+      out.append("</real>\n");
+      return;
+    case Type::String:
+      out.append("<string>");
+      append_xml_escaped(out, *value.as_string());
+      out.append("</string>\n");
+      return;
+    case Type::Date:
+      out.append("<date>");
+      append_date(out, value.as_date()->seconds);
+      out.append("</date>\n");
+      return;
+    case Type::Data:
+      out.append("<data>");
+      append_base64(out, *value.as_data());
+      out.append("</data>\n");
+      return;
+    case Type::Array: {
+      const Array& array = *value.as_array();
+      if (array.empty()) {
+        out.append("<array/>\n");
+        return;
+      }
+      out.append("<array>\n");
+      for (const Value& item : array) write_value(out, item, depth + 1);
+      append_indent(out, depth);
+      out.append("</array>\n");
+      return;
+    }
+    case Type::Dict: {
+      const Dict& dict = *value.as_dict();
+      if (dict.empty()) {
+        out.append("<dict/>\n");
+        return;
+      }
+      out.append("<dict>\n");
+      for (const auto& [key, item] : dict) {
+        append_indent(out, depth + 1);
+        out.append("<key>");
+        append_xml_escaped(out, key);
+        out.append("</key>\n");
+        write_value(out, item, depth + 1);
+      }
+      append_indent(out, depth);
+      out.append("</dict>\n");
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+Parsed parse_xml(std::string_view text) { return XmlReader(text).run(); }
+
+std::string write_xml(const Value& value) {
+  std::string out;
+  out.reserve(256);
+  out.append(
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<plist version=\"1.0\">\n");
+  write_value(out, value, 0);
+  out.append("</plist>\n");
+  return out;
+}
+
+}  // namespace plist
