@@ -34,7 +34,10 @@ Parsed parse_any(std::string_view text);
 
 // Writes an XML declaration and a <plist version="1.0"> root, no DOCTYPE.
 // Integers are written as stored (signed or unsigned), reals with enough
-// digits to round-trip, dates in ISO 8601 UTC, data in base64.
+// digits to round-trip, dates in ISO 8601 UTC, data in base64. A null value
+// has no XML form and is written as an empty string. Strings are escaped,
+// and characters XML 1.0 cannot carry (control characters other than tab,
+// LF and CR; invalid UTF-8) become U+FFFD, so the output always reads back.
 std::string write_xml(const Value& value);
 
 }  // namespace plist

@@ -15,13 +15,19 @@ Dict::Dict(std::initializer_list<Entry> entries) {
   for (const auto& e : entries) set(e.first, e.second);
 }
 
-Dict::Dict(const Dict& other) : entries_(other.entries_) {}
-Dict::Dict(Dict&& other) noexcept : entries_(std::move(other.entries_)) { other.index_.reset(); }
+Dict::Dict(const Dict& other) : entries_(other.entries_) {
+  if (other.index_) rebuild_index();
+}
+
+// A moved vector keeps its buffer, so the index's views stay valid and the
+// index can move with it.
+Dict::Dict(Dict&& other) noexcept : entries_(std::move(other.entries_)), index_(std::move(other.index_)) {}
 
 Dict& Dict::operator=(const Dict& other) {
   if (this != &other) {
     entries_ = other.entries_;
     index_.reset();
+    if (other.index_) rebuild_index();
   }
   return *this;
 }
@@ -29,8 +35,7 @@ Dict& Dict::operator=(const Dict& other) {
 Dict& Dict::operator=(Dict&& other) noexcept {
   if (this != &other) {
     entries_ = std::move(other.entries_);
-    index_.reset();
-    other.index_.reset();
+    index_ = std::move(other.index_);
   }
   return *this;
 }
@@ -41,9 +46,10 @@ void Dict::rebuild_index() const {
   for (size_t i = 0; i < entries_.size(); ++i) index_->emplace(entries_[i].first, i);
 }
 
+// Never builds the index itself: lookups run on const dictionaries, and
+// concurrent readers must not race on a lazily made index.
 size_t Dict::position_of(std::string_view key) const {
-  if (entries_.size() >= kIndexThreshold) {
-    if (!index_) rebuild_index();
+  if (index_) {
     auto it = index_->find(key);
     return it == index_->end() ? entries_.size() : it->second;
   }
@@ -93,16 +99,14 @@ void Dict::set(std::string_view key, Value value) {
     entries_[i].second = std::move(value);
     return;
   }
-  // Appending may move every key's storage, so the view-keyed index would
-  // dangle; drop it and rebuild on the next large lookup.
+  // Appending may move every key's storage (short keys live inside the
+  // entries), so a reallocation means the view-keyed index must be rebuilt.
   bool will_reallocate = entries_.size() == entries_.capacity();
   entries_.emplace_back(std::string(key), std::move(value));
-  if (index_) {
-    if (will_reallocate)
-      index_.reset();
-    else
-      index_->emplace(entries_.back().first, entries_.size() - 1);
-  }
+  if (index_ && !will_reallocate)
+    index_->emplace(entries_.back().first, entries_.size() - 1);
+  else if (entries_.size() >= kIndexThreshold)
+    rebuild_index();
 }
 
 bool Dict::remove(std::string_view key) {
@@ -110,6 +114,7 @@ bool Dict::remove(std::string_view key) {
   if (i >= entries_.size()) return false;
   entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
   index_.reset();
+  if (entries_.size() >= kIndexThreshold) rebuild_index();
   return true;
 }
 

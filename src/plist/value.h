@@ -88,7 +88,8 @@ class Dict {
   void rebuild_index() const;
 
   std::vector<Entry> entries_;
-  // Built lazily for large dictionaries so that lookups stay O(1) there.
+  // Kept for large dictionaries so that lookups stay O(1) there; built by
+  // the mutators only, so const lookups never write.
   mutable std::unique_ptr<std::unordered_map<std::string_view, size_t>> index_;
 };
 
