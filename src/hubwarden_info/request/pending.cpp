@@ -6,10 +6,6 @@
 namespace hubwarden {
 
 // Monitoring
-ErrorName get_server_info(ReplySlot&, const Value*, bool, Dict*) { return nullptr; }
-ErrorName get_hardware_info(ReplySlot&, const Value*, bool, Dict*) { return nullptr; }
-ErrorName get_history_data(const Value*, const Value&, ReplySlot&, Dict*) { return nullptr; }
-ErrorName update_history_data(Dict*) { return nullptr; }
 ErrorName kill_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
 ErrorName list_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
 

@@ -1,0 +1,30 @@
+// Linux load counters: processor ticks from /proc/stat, interface byte
+// counters from /proc/net/dev, and the mounted volumes from mountinfo with
+// statvfs. The directories are parameters so that tests can point the
+// readers at a prepared tree; production uses the defaults.
+//
+// Every object returned here is safe to call from several threads.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/meters.h"
+
+namespace platform {
+
+// One entry per "cpuN" line of proc_dir/stat, in processor order; running
+// follows sys_dir/devices/system/cpu/cpuN/online where that file exists.
+std::unique_ptr<ProcessorStats> make_proc_processor_stats(std::string proc_dir = "/proc",
+                                                          std::string sys_dir = "/sys");
+
+// Every interface of proc_dir/net/dev with its 64-bit byte counters.
+std::unique_ptr<InterfaceStats> make_proc_interface_stats(std::string proc_dir = "/proc");
+
+// The mounted file systems of proc_dir/self/mountinfo: index 1 is "/", then
+// the others in mount order, one entry per device. Labels come from
+// dev_dir/disk/by-label; lock and bus facts from sys_dir/dev/block.
+std::unique_ptr<Volumes> make_mount_volumes(std::string proc_dir = "/proc", std::string sys_dir = "/sys",
+                                            std::string dev_dir = "/dev");
+
+}  // namespace platform
