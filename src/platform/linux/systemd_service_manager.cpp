@@ -13,7 +13,6 @@
 #include <optional>
 
 #include "platform/linux/unit_files.h"
-#include "platform/linux/unit_processes.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
@@ -149,8 +148,12 @@ class SystemdServiceManager::Bus {
   sd_bus* bus_ = nullptr;
 };
 
-SystemdServiceManager::SystemdServiceManager(HostServiceMap map, Mode mode)
-    : map_(std::move(map)), mode_(mode), bus_(mode == Mode::kBus ? std::make_unique<Bus>() : nullptr) {}
+SystemdServiceManager::SystemdServiceManager(HostServiceMap map, Mode mode,
+                                             std::chrono::milliseconds process_table_max_age)
+    : map_(std::move(map)),
+      mode_(mode),
+      process_table_max_age_(process_table_max_age),
+      bus_(mode == Mode::kBus ? std::make_unique<Bus>() : nullptr) {}
 
 SystemdServiceManager::~SystemdServiceManager() = default;
 
@@ -171,7 +174,17 @@ std::string SystemdServiceManager::active_state(const std::string& unit) {
   }
   std::optional<UnitFileInfo> info = find_unit_file(unit);
   if (info && !info->alias_of.empty()) info = find_unit_file(info->alias_of);
-  return info && unit_process_running(*info) ? "active" : "inactive";
+  return info && unit_process_running(*info, *process_table()) ? "active" : "inactive";
+}
+
+std::shared_ptr<const ProcessSnapshot> SystemdServiceManager::process_table() {
+  std::lock_guard<std::mutex> lock(process_table_mu_);
+  auto now = std::chrono::steady_clock::now();
+  if (!process_table_ || process_table_max_age_.count() <= 0 || now - process_table_taken_ > process_table_max_age_) {
+    process_table_ = std::make_shared<const ProcessSnapshot>(ProcessSnapshot::take());
+    process_table_taken_ = now;
+  }
+  return process_table_;
 }
 
 std::string SystemdServiceManager::unit_for_job(const std::string& job) {

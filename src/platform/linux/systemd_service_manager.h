@@ -11,18 +11,24 @@
 //  - from the unit files under the root (unit_files.h) otherwise: enabling
 //    and disabling only edit the links, and a unit counts as active only when
 //    the process table shows its daemon (unit_processes.h) — being enabled is
-//    not evidence that it runs.
+//    not evidence that it runs. One listing of the process table serves
+//    every question asked within process_table_max_age, since callers ask
+//    about all service modules in a row; a listed process is still checked
+//    to be alive, so only daemons started since the listing are missed.
 //
 // A job's unit is the first of its candidates that is installed, chosen
 // afresh on every call so that a package installed later is picked up.
 // Safe to call from several threads.
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/linux/job_map.h"
 #include "platform/linux/unit_inspector.h"
+#include "platform/linux/unit_processes.h"
 #include "platform/service_manager.h"
 
 namespace platform {
@@ -31,7 +37,8 @@ class SystemdServiceManager : public ServiceManager, public UnitInspector {
  public:
   enum class Mode { kBus, kUnitFiles };
 
-  SystemdServiceManager(HostServiceMap map, Mode mode);
+  SystemdServiceManager(HostServiceMap map, Mode mode,
+                        std::chrono::milliseconds process_table_max_age = std::chrono::seconds(1));
   ~SystemdServiceManager() override;
   SystemdServiceManager(const SystemdServiceManager&) = delete;
   SystemdServiceManager& operator=(const SystemdServiceManager&) = delete;
@@ -55,9 +62,16 @@ class SystemdServiceManager : public ServiceManager, public UnitInspector {
  private:
   class Bus;
 
-  HostServiceMap map_;
-  Mode mode_;
+  std::shared_ptr<const ProcessSnapshot> process_table();
+
+  const HostServiceMap map_;
+  const Mode mode_;
+  const std::chrono::milliseconds process_table_max_age_;
   std::unique_ptr<Bus> bus_;  // only in kBus mode
+
+  std::mutex process_table_mu_;
+  std::shared_ptr<const ProcessSnapshot> process_table_;  // guarded by process_table_mu_
+  std::chrono::steady_clock::time_point process_table_taken_;  // guarded by process_table_mu_
 };
 
 // kBus when systemd runs (sd_booted() > 0) and the installed root is "/",

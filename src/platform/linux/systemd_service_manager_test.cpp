@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-daemon.h>
 
+#include <filesystem>
+
 #include "platform/linux/unit_sandbox_test_support.h"
 
 namespace platform {
@@ -59,7 +61,9 @@ TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
 
 TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
   UnitSandbox root;
-  SystemdServiceManager manager(default_host_service_map(), SystemdServiceManager::Mode::kUnitFiles);
+  // Every question looks at the process table afresh.
+  SystemdServiceManager manager(default_host_service_map(), SystemdServiceManager::Mode::kUnitFiles,
+                                std::chrono::milliseconds(0));
   root.write("/lib/systemd/system/nginx.service",
              "[Service]\nPIDFile=/run/nginx.pid\nExecStart=/usr/sbin/nginx -g 'daemon on;'\n" + std::string(kWanted));
   root.write("/lib/systemd/system/postfix.service", "[Service]\nExecStart=/usr/lib/postfix/sbin/master -w\n" +
@@ -87,6 +91,18 @@ TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
   EXPECT_EQ(manager.active_state("postfix.service"), "active");
   root.add_process(90, std::string("a-daemon-with-a-long-name").substr(0, 15));
   EXPECT_EQ(manager.active_state("slurmctld.service"), "active");
+
+  // Within its age a process table is reused: a daemon that stops is seen
+  // at once (its process is looked at again), one that starts only once the
+  // table is older than that.
+  SystemdServiceManager cached(default_host_service_map(), SystemdServiceManager::Mode::kUnitFiles,
+                               std::chrono::hours(1));
+  EXPECT_EQ(cached.active_state("postfix.service"), "active");
+  std::filesystem::remove_all(root.path("/proc/78"));
+  EXPECT_EQ(cached.active_state("postfix.service"), "inactive");
+  root.add_process(79, "master");
+  EXPECT_EQ(cached.active_state("postfix.service"), "inactive");
+  EXPECT_EQ(manager.active_state("postfix.service"), "active");
 }
 
 TEST(SystemdServiceManager, MakerPicksUnitFilesInASandboxRoot) {

@@ -52,37 +52,41 @@ bool pid_file_names_live_process(const std::string& pid_file) {
   return process_alive(std::to_string(pid));
 }
 
-bool process_with_comm_runs(std::string_view comm) {
+}  // namespace
+
+ProcessSnapshot ProcessSnapshot::take() {
+  ProcessSnapshot snapshot;
   std::string proc = resolve("/proc");
   DIR* d = ::opendir(proc.c_str());
-  if (d == nullptr) return false;
-  bool found = false;
+  if (d == nullptr) return snapshot;
   while (dirent* e = ::readdir(d)) {
     std::string_view pid = e->d_name;
     if (!all_digits(pid)) continue;
     std::optional<std::string> name = read_file(proc + "/" + e->d_name + "/comm");
-    if (!name) continue;
-    std::string_view n = *name;
-    if (!n.empty() && n.back() == '\n') n.remove_suffix(1);
-    if (n == comm && process_alive(pid)) {
-      found = true;
-      break;
-    }
+    if (!name) continue;  // gone since the directory was listed
+    if (!name->empty() && name->back() == '\n') name->pop_back();
+    snapshot.pids_by_comm_.emplace(std::move(*name), std::string(pid));
   }
   ::closedir(d);
-  return found;
+  return snapshot;
 }
 
-}  // namespace
+bool ProcessSnapshot::has_live(std::string_view comm) const {
+  auto [begin, end] = pids_by_comm_.equal_range(std::string(comm));
+  for (auto it = begin; it != end; ++it) {
+    if (process_alive(it->second)) return true;
+  }
+  return false;
+}
 
-bool unit_process_running(const UnitFileInfo& unit) {
+bool unit_process_running(const UnitFileInfo& unit, const ProcessSnapshot& processes) {
   if (unit.masked) return false;
   if (pid_file_names_live_process(unit.pid_file)) return true;
   std::string_view program = unit.exec_program;
   size_t slash = program.find_last_of('/');
   if (slash != std::string_view::npos) program.remove_prefix(slash + 1);
   if (program.empty()) return false;
-  return process_with_comm_runs(program.substr(0, kCommLength));
+  return processes.has_live(program.substr(0, kCommLength));
 }
 
 }  // namespace platform
