@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 namespace plist {
 
@@ -93,20 +94,27 @@ const Value* Dict::find_number(std::string_view key) const {
   return v && v->is_number() ? v : nullptr;
 }
 
-void Dict::set(std::string_view key, Value value) {
+void Dict::set(std::string_view key, Value value) { (*this)[key] = std::move(value); }
+
+Value& Dict::operator[](std::string_view key) {
   size_t i = position_of(key);
-  if (i < entries_.size()) {
-    entries_[i].second = std::move(value);
-    return;
-  }
+  if (i < entries_.size()) return entries_[i].second;
   // Appending may move every key's storage (short keys live inside the
   // entries), so a reallocation means the view-keyed index must be rebuilt.
   bool will_reallocate = entries_.size() == entries_.capacity();
-  entries_.emplace_back(std::string(key), std::move(value));
+  entries_.emplace_back(std::piecewise_construct, std::forward_as_tuple(key), std::forward_as_tuple());
   if (index_ && !will_reallocate)
     index_->emplace(entries_.back().first, entries_.size() - 1);
   else if (entries_.size() >= kIndexThreshold)
     rebuild_index();
+  return entries_.back().second;
+}
+
+void Dict::reserve(size_t n) {
+  if (n <= entries_.capacity()) return;
+  entries_.reserve(n);
+  // The entries moved, and with them any short keys the index points into.
+  if (index_) rebuild_index();
 }
 
 bool Dict::remove(std::string_view key) {

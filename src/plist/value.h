@@ -65,6 +65,11 @@ class Dict {
   const Value* find_number(std::string_view key) const;
 
   void set(std::string_view key, Value value);
+  // The value at key, appended as null at the end when absent, so that a
+  // reader can build a value in place. The reference is valid until the
+  // next change of this dictionary.
+  Value& operator[](std::string_view key);
+  void reserve(size_t n);
   // Removes key; returns whether it was present.
   bool remove(std::string_view key);
   // Copies every entry of changes into this dictionary (top-level keys only).

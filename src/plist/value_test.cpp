@@ -24,10 +24,14 @@ TEST(DictTest, SetKeepsPositionAndRemoveKeepsTheRestInOrder) {
   d.set("a", "replaced");
   EXPECT_EQ(keys_of(d), (std::vector<std::string>{"b", "a", "c"}));
   EXPECT_EQ(*d.find_string("a"), "replaced");
+  d["c"] = 4;  // in place, like set
+  d["d"];       // appends a null value
+  EXPECT_EQ(keys_of(d), (std::vector<std::string>{"b", "a", "c", "d"}));
+  EXPECT_TRUE(d.find("d")->is_null());
 
   EXPECT_TRUE(d.remove("b"));
   EXPECT_FALSE(d.remove("b"));
-  EXPECT_EQ(keys_of(d), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(keys_of(d), (std::vector<std::string>{"a", "c", "d"}));
   EXPECT_EQ(d.find("b"), nullptr);
 
   // Typed lookups refuse the wrong type instead of converting.
@@ -43,7 +47,8 @@ TEST(DictTest, LargeDictionaryLookupsStayRightThroughGrowthRemovalAndCopies) {
   for (int i = 0; i < 1000; ++i) d.set("k" + std::to_string(i), i);
   for (int i = 0; i < 1000; i += 3) d.set("k" + std::to_string(i), -i);
   for (int i = 0; i < 1000; i += 7) EXPECT_TRUE(d.remove("k" + std::to_string(i)));
-  d.set("late", "x");
+  d.reserve(4096);  // moves every entry at once
+  d["late"] = "x";
   EXPECT_EQ(d.size(), 1000u - 143u + 1u);
   for (int i = 0; i < 1000; ++i) {
     const Value* v = d.find("k" + std::to_string(i));

@@ -187,8 +187,11 @@ class XmlReader {
   bool read_value(pugi::xml_node node, int depth, Value& out);
   bool read_dict(pugi::xml_node node, int depth, Value& out);
   bool read_array(pugi::xml_node node, int depth, Value& out);
-  // The concatenated text and CDATA content of a leaf element.
-  bool leaf_text(pugi::xml_node node, std::string& out);
+  // The text and CDATA content of a leaf element. Usually a view of
+  // pugixml's buffer; storage holds it only when pieces must be joined.
+  bool leaf_text(pugi::xml_node node, std::string_view& text, std::string& storage);
+  // The next element among node and its following siblings, refusing text.
+  bool next_element(pugi::xml_node parent, pugi::xml_node node, pugi::xml_node& element);
   bool fail(pugi::xml_node node, const std::string& message);
   bool fail_at(ptrdiff_t offset, const std::string& message);
 
@@ -212,103 +215,160 @@ bool XmlReader::fail(pugi::xml_node node, const std::string& message) {
   return fail_at(node.offset_debug(), message);
 }
 
-bool XmlReader::leaf_text(pugi::xml_node node, std::string& out) {
+// Element names are short; an inlined comparison beats a strcmp call here.
+template <size_t N>
+bool name_is(const char* name, const char (&expected)[N]) {
+  for (size_t i = 0; i < N; ++i)
+    if (name[i] != expected[i]) return false;
+  return true;
+}
+
+bool is_text(pugi::xml_node node) {
+  pugi::xml_node_type type = node.type();
+  return type == pugi::node_pcdata || type == pugi::node_cdata;
+}
+
+size_t count_elements(pugi::xml_node node) {
+  size_t n = 0;
+  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling())
+    n += child.type() == pugi::node_element;
+  return n;
+}
+
+bool XmlReader::leaf_text(pugi::xml_node node, std::string_view& text, std::string& storage) {
   pugi::xml_node child = node.first_child();
-  // The common case, one text node, avoids building the string piecewise.
-  if (child && !child.next_sibling() && (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)) {
-    out.assign(child.value());
+  if (!child) {
+    text = {};
     return true;
   }
-  out.clear();
+  if (!child.next_sibling() && is_text(child)) {
+    text = child.value();
+    return true;
+  }
+  storage.clear();
   for (; child; child = child.next_sibling()) {
-    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
-      out.append(child.value());
+    if (is_text(child))
+      storage.append(child.value());
     else if (child.type() == pugi::node_element)
       return fail(child, std::string("unexpected element <") + child.name() + "> inside <" + node.name() + ">");
   }
+  text = storage;
+  return true;
+}
+
+bool XmlReader::next_element(pugi::xml_node parent, pugi::xml_node node, pugi::xml_node& element) {
+  for (; node; node = node.next_sibling()) {
+    if (node.type() == pugi::node_element) break;
+    if (!trim(node.value()).empty())
+      return fail(parent, std::string("unexpected text inside <") + parent.name() + ">");
+  }
+  element = node;
   return true;
 }
 
 bool XmlReader::read_dict(pugi::xml_node node, int depth, Value& out) {
-  Dict dict;
-  std::string key;
-  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling()) {
-    if (child.type() != pugi::node_element) {
-      if (trim(child.value()).empty()) continue;
-      return fail(node, "unexpected text inside <dict>");
-    }
-    if (std::strcmp(child.name(), "key") != 0)
+  out = Value(Dict());
+  Dict& dict = *out.as_dict();
+  // Counting first costs a walk of sibling links but saves the repeated
+  // growth of the entry vector, which dominates for small dictionaries.
+  dict.reserve(count_elements(node) / 2);
+  std::string storage;
+  pugi::xml_node child;
+  if (!next_element(node, node.first_child(), child)) return false;
+  while (child) {
+    if (!name_is(child.name(), "key"))
       return fail(child, std::string("expected <key> inside <dict>, found <") + child.name() + ">");
-    if (!leaf_text(child, key)) return false;
-    pugi::xml_node value_node = child.next_sibling();
-    while (value_node && value_node.type() != pugi::node_element) {
-      if (!trim(value_node.value()).empty()) return fail(node, "unexpected text inside <dict>");
-      value_node = value_node.next_sibling();
-    }
-    if (!value_node) return fail(child, "key \"" + key + "\" has no value");
-    Value value;
-    if (!read_value(value_node, depth + 1, value)) return false;
-    dict.set(key, std::move(value));  // a repeated key keeps the last value
-    child = value_node;
+    std::string_view key;
+    if (!leaf_text(child, key, storage)) return false;
+    pugi::xml_node value_node;
+    if (!next_element(node, child.next_sibling(), value_node)) return false;
+    if (!value_node) return fail(child, "key \"" + std::string(key) + "\" has no value");
+    // Building the value in its slot saves moving it; a repeated key reuses
+    // the slot, so the last value wins.
+    if (!read_value(value_node, depth + 1, dict[key])) return false;
+    if (!next_element(node, value_node.next_sibling(), child)) return false;
   }
-  out = Value(std::move(dict));
   return true;
 }
 
 bool XmlReader::read_array(pugi::xml_node node, int depth, Value& out) {
-  Array array;
-  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling()) {
-    if (child.type() != pugi::node_element) {
-      if (trim(child.value()).empty()) continue;
-      return fail(node, "unexpected text inside <array>");
-    }
+  out = Value(Array());
+  Array& array = *out.as_array();
+  array.reserve(count_elements(node));
+  pugi::xml_node child;
+  if (!next_element(node, node.first_child(), child)) return false;
+  while (child) {
     array.emplace_back();
     if (!read_value(child, depth + 1, array.back())) return false;
+    if (!next_element(node, child.next_sibling(), child)) return false;
   }
-  out = Value(std::move(array));
   return true;
 }
 
 bool XmlReader::read_value(pugi::xml_node node, int depth, Value& out) {
   if (depth > kMaxDepth) return fail(node, "nesting deeper than " + std::to_string(kMaxDepth) + " levels");
-  std::string_view name = node.name();
-  if (name == "dict") return read_dict(node, depth, out);
-  if (name == "array") return read_array(node, depth, out);
+  const char* name = node.name();
+  // Dispatch on the first letter before comparing whole names: this is the
+  // reader's innermost loop.
+  switch (name[0]) {
+    case 'd':
+      if (name_is(name, "dict")) return read_dict(node, depth, out);
+      break;
+    case 'a':
+      if (name_is(name, "array")) return read_array(node, depth, out);
+      break;
+    default:
+      break;
+  }
 
-  std::string text;
-  if (name == "string") {
-    if (!leaf_text(node, text)) return false;
-    out = Value(std::move(text));
-    return true;
-  }
-  if (name == "true" || name == "false") {
-    if (!leaf_text(node, text)) return false;
-    if (!trim(text).empty()) return fail(node, "<" + std::string(name) + "> must be empty");
-    out = Value(name == "true");
-    return true;
-  }
-  if (!leaf_text(node, text)) return false;
-  if (name == "integer") {
-    if (!parse_integer(text, out)) return fail(node, "bad integer \"" + text + "\"");
-    return true;
-  }
-  if (name == "real") {
-    double d = 0;
-    if (!parse_real(text, d)) return fail(node, "bad real \"" + text + "\"");
-    out = Value(d);
-    return true;
-  }
-  if (name == "date") {
-    Date date;
-    if (!parse_date(text, date)) return fail(node, "bad date \"" + text + "\"");
-    out = Value(date);
-    return true;
-  }
-  if (name == "data") {
-    Data data;
-    if (!decode_base64(text, data)) return fail(node, "bad base64 in <data>");
-    out = Value(std::move(data));
-    return true;
+  std::string_view text;
+  std::string storage;
+  if (!leaf_text(node, text, storage)) return false;
+  switch (name[0]) {
+    case 's':
+      if (name_is(name, "string")) {
+        out = Value(text);
+        return true;
+      }
+      break;
+    case 'i':
+      if (name_is(name, "integer")) {
+        if (!parse_integer(text, out)) return fail(node, "bad integer \"" + std::string(text) + "\"");
+        return true;
+      }
+      break;
+    case 'r':
+      if (name_is(name, "real")) {
+        double d = 0;
+        if (!parse_real(text, d)) return fail(node, "bad real \"" + std::string(text) + "\"");
+        out = Value(d);
+        return true;
+      }
+      break;
+    case 't':
+    case 'f':
+      if (name_is(name, "true") || name_is(name, "false")) {
+        if (!trim(text).empty()) return fail(node, "<" + std::string(name) + "> must be empty");
+        out = Value(name[0] == 't');
+        return true;
+      }
+      break;
+    case 'd':
+      if (name_is(name, "date")) {
+        Date date;
+        if (!parse_date(text, date)) return fail(node, "bad date \"" + std::string(text) + "\"");
+        out = Value(date);
+        return true;
+      }
+      if (name_is(name, "data")) {
+        Data data;
+        if (!decode_base64(text, data)) return fail(node, "bad base64 in <data>");
+        out = Value(std::move(data));
+        return true;
+      }
+      break;
+    default:
+      break;
   }
   return fail(node, "unknown element <" + std::string(name) + ">");
 }
@@ -352,7 +412,7 @@ Parsed XmlReader::run() {
     return result;
   }
   pugi::xml_node value_node = root;
-  if (std::strcmp(root.name(), "plist") == 0) {
+  if (name_is(root.name(), "plist")) {
     value_node = pugi::xml_node();
     for (pugi::xml_node child = root.first_child(); child; child = child.next_sibling()) {
       if (child.type() != pugi::node_element) {
