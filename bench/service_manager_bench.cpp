@@ -101,6 +101,10 @@ void run_get_state(benchmark::State& state, bool sandbox) {
   if (sandbox) populate_sandbox(root.dir(), module_units(map));
   auto manager = std::make_shared<platform::SystemdServiceManager>(map, platform::default_service_manager_mode());
   auto modules = hubwardend::load_service_modules(map, manager);
+  if (modules.empty()) {
+    state.SkipWithError("no service module has an installed unit here");
+    return;
+  }
   plist::Dict request{{"command", "getState"}};
   for (auto _ : state) {
     for (auto& module : modules) benchmark::DoNotOptimize(module->handle(request, "root"));
