@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string_view>
 
 #include "platform/file_util.h"
@@ -170,14 +171,19 @@ void parse_unit(std::string_view text, const std::string& unit, const std::strin
   if (!logical.empty()) handle(logical);
 }
 
-// Finds lookup_name in the unit directories. On success sets the in-root
-// path of the directory entry and whether it is masked; follows links to
-// the file that holds the contents (*contents_path, inside the root).
+// Where a unit directory entry leads, links followed; paths inside the root.
 struct Located {
-  std::string entry_path;     // inside the root
-  std::string contents_path;  // inside the root, links followed
-  bool masked = false;
+  std::string contents_path;  // the regular file that holds the unit
+  bool masked = false;        // the entry is (or leads to) a link to /dev/null
 };
+
+// Link targets are taken as paths inside the root; ".." never climbs out.
+std::string in_root_target(const std::string& link_path, const std::string& target) {
+  std::filesystem::path joined = target.front() == '/'
+                                     ? std::filesystem::path(target)
+                                     : std::filesystem::path(link_path).parent_path() / target;
+  return joined.lexically_normal().string();
+}
 
 std::optional<Located> locate(const std::string& lookup_name) {
   for (const std::string& dir : kUnitSearchDirs) {
@@ -185,21 +191,16 @@ std::optional<Located> locate(const std::string& lookup_name) {
     struct stat st;
     if (::lstat(resolve(entry).c_str(), &st) != 0) continue;
     Located found;
-    found.entry_path = entry;
     std::string current = entry;
     int hops = 0;
     while (S_ISLNK(st.st_mode)) {
       std::optional<std::string> target = read_link(resolve(current));
       if (!target || target->empty() || ++hops > kMaxLinkHops) return std::nullopt;
-      if (*target == "/dev/null") {
+      current = in_root_target(current, *target);
+      if (current == "/dev/null") {
         found.masked = true;
         return found;
       }
-      if (target->front() != '/') {
-        size_t slash = current.find_last_of('/');
-        *target = current.substr(0, slash + 1) + *target;
-      }
-      current = *target;
       if (::lstat(resolve(current).c_str(), &st) != 0) break;  // dangling: try the next directory
     }
     if (!S_ISREG(st.st_mode)) continue;
@@ -264,9 +265,9 @@ UnitFileState state_of(const std::string& name, int depth) {
     if (enabled) return UnitFileState::kEnabled;
   }
   for (const std::string& alias : info->aliases) {
-    if (alias != name && is_symlink(resolve(std::string(kUnitAdminDir) + "/" + alias))) {
-      return UnitFileState::kEnabled;
-    }
+    if (alias == name) continue;
+    std::optional<std::string> target = read_link(resolve(std::string(kUnitAdminDir) + "/" + alias));
+    if (target && base_name(*target) == base_name(info->path)) return UnitFileState::kEnabled;
   }
   if (info->wanted_by.empty() && info->required_by.empty() && info->aliases.empty()) {
     return UnitFileState::kStatic;

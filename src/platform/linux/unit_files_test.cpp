@@ -167,6 +167,10 @@ TEST(UnitFiles, HostileNamesAndBrokenLinksFindNothing) {
     EXPECT_FALSE(find_unit_file(name)) << name;
     EXPECT_EQ(enable_unit_file(name), ENOENT) << name;
   }
+  // A relative link cannot climb out of the root.
+  root.link("/etc/systemd/system/escape.service", "../../../../../../../secret.service");
+  ASSERT_TRUE(find_unit_file("escape.service"));
+  EXPECT_EQ(find_unit_file("escape.service")->path, "/secret.service");
   // A dangling admin link falls through to the packaged unit.
   ASSERT_TRUE(find_unit_file("dangling.service"));
   EXPECT_EQ(find_unit_file("dangling.service")->path, "/lib/systemd/system/dangling.service");
