@@ -75,14 +75,14 @@ class Dict {
   // Copies every entry of changes into this dictionary (top-level keys only).
   void merge(const Dict& changes);
 
-  size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
+  size_t size() const;
+  bool empty() const;
   void clear();
   iterator begin() { return entries_.begin(); }
   iterator end() { return entries_.end(); }
   const_iterator begin() const { return entries_.begin(); }
   const_iterator end() const { return entries_.end(); }
-  const Entry& at_index(size_t i) const { return entries_[i]; }
+  const Entry& at_index(size_t i) const;
 
   // Key-by-key equality that ignores key order, as property lists compare.
   bool operator==(const Dict& other) const;
@@ -155,6 +155,11 @@ class Value {
  private:
   std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, Date, Data, Array, Dict> v_;
 };
+
+// Defined here rather than in the class because they need Value complete.
+inline size_t Dict::size() const { return entries_.size(); }
+inline bool Dict::empty() const { return entries_.empty(); }
+inline const Dict::Entry& Dict::at_index(size_t i) const { return entries_[i]; }
 
 // The module's flag test: the string "YES" or a number whose boolean value is
 // true. A null pointer is not set.
