@@ -231,7 +231,9 @@ class HistoryStore : public platform::HistoryService {
 
     std::lock_guard<std::mutex> lock(mu_);
     double now = now_seconds();
-    int64_t since = whole_seconds(std::ceil(now - std::min(*scale, kLongestTimeScale)));
+    // Samples carry whole seconds, so the span is measured from the whole
+    // second of now, as the module's server time is.
+    int64_t since = whole_seconds(std::ceil(std::floor(now) - std::min(*scale, kLongestTimeScale)));
 
     int64_t count = 0, first = 0, last = 0;
     {
