@@ -143,6 +143,7 @@ TEST(XmlCodecTest, MalformedDocumentsAreRefusedWithAReason) {
       "<plist><integer>18446744073709551616</integer></plist>",
       "<plist><integer>-9223372036854775809</integer></plist>",
       "<plist><real>1.2.3</real></plist>",
+      "<plist><real>+-1</real></plist>",
       "<plist><date>2024-02-30T00:00:00Z</date></plist>",
       "<plist><date>2023-02-29T00:00:00Z</date></plist>",
       "<plist><date>2024-01-01 00:00:00</date></plist>",

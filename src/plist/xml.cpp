@@ -61,7 +61,10 @@ bool parse_integer(std::string_view s, Value& out) {
 
 bool parse_real(std::string_view s, double& out) {
   s = trim(s);
-  if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+  if (!s.empty() && s.front() == '+') {
+    s.remove_prefix(1);
+    if (!s.empty() && s.front() == '-') return false;
+  }
   if (s.empty()) return false;
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), out);
   if (end != s.data() + s.size()) return false;
