@@ -1,0 +1,110 @@
+// History store: storing a week of samples taken every ten seconds
+// (60,480) and the console's "getHistory" over that week, which the store
+// thins to a bounded number of points.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <filesystem>
+
+#include "hubwardend/history_store.h"
+#include "platform/clock.h"
+#include "platform/registry.h"
+#include "request/operations.h"
+
+namespace {
+
+using plist::Array;
+using plist::Value;
+
+constexpr int kWeekOfSamples = 7 * 24 * 360;
+constexpr double kStart = 1.7e9;
+
+class FixedClock : public platform::Clock {
+ public:
+  double time = kStart;
+  double now() override { return time; }
+  std::optional<double> boot_time() override { return std::nullopt; }
+  int set_time(double t) override {
+    time = t;
+    return 0;
+  }
+};
+
+Array sample(int i) {
+  Array s(18, Value(""));
+  s[0] = Value(static_cast<uint64_t>(i % 10000));
+  s[1] = Value(static_cast<uint64_t>(i) * 1000);
+  s[2] = Value(uint64_t{2500});
+  s[3] = Value(uint64_t{7500});
+  s[4] = Value(static_cast<uint64_t>(i) * 900);
+  s[14] = Value(static_cast<uint64_t>(i) * 600);
+  s[15] = Value(static_cast<uint64_t>(i) * 400);
+  s[16] = Value(uint64_t{123456789012});
+  s[17] = Value(uint64_t{4321});
+  return s;
+}
+
+class TempStore {
+ public:
+  explicit TempStore(FixedClock* clock) {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-history-bench-XXXXXX").string();
+    dir_ = ::mkdtemp(tmpl.data());
+    hubwardend::HistoryStoreOptions options;
+    options.clock = [clock] { return clock->time; };
+    store = hubwardend::open_history_store(dir_ + "/history.sqlite3", options);
+  }
+  ~TempStore() {
+    store.reset();
+    std::filesystem::remove_all(dir_);
+  }
+  std::unique_ptr<platform::HistoryService> store;
+
+ private:
+  std::string dir_;
+};
+
+void BM_StoreWeekOfSamples(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    FixedClock clock;
+    auto temp = std::make_unique<TempStore>(&clock);
+    state.ResumeTiming();
+    for (int i = 0; i < kWeekOfSamples; ++i) {
+      temp->store->update(sample(i), nullptr);
+      clock.time += 10;
+    }
+    state.PauseTiming();
+    temp.reset();
+    state.ResumeTiming();
+  }
+  state.counters["samples"] = kWeekOfSamples;
+  state.counters["per_sample_us"] =
+      benchmark::Counter(kWeekOfSamples, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_StoreWeekOfSamples)->Unit(benchmark::kSecond)->Iterations(1);
+
+void BM_GetHistoryWeek(benchmark::State& state) {
+  FixedClock clock;
+  TempStore temp(&clock);
+  for (int i = 0; i < kWeekOfSamples; ++i) {
+    temp.store->update(sample(i), nullptr);
+    clock.time += 10;
+  }
+  platform::install<platform::Clock>(&clock);
+  platform::install<platform::HistoryService>(temp.store.get());
+  Value week(7 * 86400);
+  hubwarden::ReplySlot reply;
+  for (auto _ : state) {
+    reply.reset();
+    if (hubwarden::get_history_data(nullptr, week, reply, nullptr) != nullptr) state.SkipWithError("getHistory failed");
+    benchmark::DoNotOptimize(reply);
+  }
+  state.counters["samples_returned"] = reply ? static_cast<double>(reply->find_array("samplesArray")->size()) : 0;
+  platform::install<platform::HistoryService>(nullptr);
+  platform::install<platform::Clock>(nullptr);
+}
+BENCHMARK(BM_GetHistoryWeek)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
