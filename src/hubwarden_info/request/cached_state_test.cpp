@@ -147,7 +147,7 @@ TEST_F(CachedStateTest, SerialNumberLayoutsAndLastDeviceWins) {
   EXPECT_EQ(get_hardware_serial_number(), "ABCDEFGHXYZ");
 
   // With '-': 8 bytes from offset 12, then 11 from offset 0.
-  std::string dashed = std::string("0123-567890") + "\0" + "abcdefgh";
+  std::string dashed = std::string("0123-567890") + std::string(1, '\0') + "abcdefgh";
   hardware_.devices = {Dict{{"serial-number", bytes(dashed)}}};
   EXPECT_EQ(get_hardware_serial_number(), "abcdefgh0123-567890");
 

@@ -109,12 +109,12 @@ TEST_F(AsiTest, CountsSpeedsAndMemoryDegradeToDefaults) {
 }
 
 TEST_F(AsiTest, ModelNamesFromTheSystemInformationTables) {
+  testing::SandboxRoot root;
   EXPECT_EQ(ASI_CopyComputerModelName(false), "Unknown");  // no model identifier
   hw_.strings["hw.model"] = "Server9,9";
   EXPECT_EQ(ASI_CopyComputerModelName(true), "Server9,9");
   EXPECT_EQ(ASI_CopyComputerModelName(false), "Unknown");  // no tables installed
 
-  testing::SandboxRoot root;
   const std::string resources = "/System/Library/CoreServices/MarloSystemInfo.bundle/Contents/Resources";
   ASSERT_TRUE(platform::write_file_atomically(
       root.path(resources + "/MachineTypes.plist"),
