@@ -124,9 +124,8 @@ void BM_GetStateAllDetailsWarm(benchmark::State& state) {
     if (hubwarden::get_server_info(reply, &variant, true, &context) != nullptr) state.SkipWithError("getState failed");
     benchmark::DoNotOptimize(reply);
   }
-  state.counters["volumes"] = static_cast<double>(reply && reply->find_array("volumeInfos")
-                                                      ? reply->find_array("volumeInfos")->size()
-                                                      : 0);
+  state.counters["volumes"] =
+      static_cast<double>(reply && reply->find_array("volumeInfos") ? reply->find_array("volumeInfos")->size() : 0);
 }
 BENCHMARK(BM_GetStateAllDetailsWarm)->Unit(benchmark::kMicrosecond);
 

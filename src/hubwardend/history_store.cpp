@@ -63,8 +63,7 @@ std::string insert_sql() {
 std::string rollup_sql(int64_t from, int64_t width) {
   std::string w = std::to_string(width);
   return "INSERT INTO samples(t, span" + value_columns(false) + ") SELECT (t / " + w + ") * " + w + ", " + w +
-         value_columns(true) + " FROM samples WHERE span = " + std::to_string(from) +
-         " AND t < ?1 GROUP BY t / " + w;
+         value_columns(true) + " FROM samples WHERE span = " + std::to_string(from) + " AND t < ?1 GROUP BY t / " + w;
 }
 
 double system_now() {
@@ -350,8 +349,7 @@ class HistoryStore : public platform::HistoryService {
 // Opens the connection and brings the schema up to date. Returns the
 // SQLite result code; *db is set (possibly to a failed handle to close).
 int open_database(const std::string& path, sqlite3** db) {
-  int rc = sqlite3_open_v2(path.c_str(), db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                           nullptr);
+  int rc = sqlite3_open_v2(path.c_str(), db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) return rc;
   sqlite3_busy_timeout(*db, 5000);
   const std::string setup = "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; " + schema_sql();

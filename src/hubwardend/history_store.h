@@ -51,8 +51,7 @@ struct HistoryStoreOptions {
 // comma-separated list ("v1,v15") or an array of keys; anything that names
 // no key returns all eighteen. A time scale that is not a number, or is
 // negative, matches no sample; larger than a century counts as a century.
-std::unique_ptr<platform::HistoryService> open_history_store(const std::string& path,
-                                                             HistoryStoreOptions options = {},
+std::unique_ptr<platform::HistoryService> open_history_store(const std::string& path, HistoryStoreOptions options = {},
                                                              std::string* error = nullptr);
 
 }  // namespace hubwardend

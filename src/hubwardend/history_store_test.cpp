@@ -66,7 +66,7 @@ TEST_F(HistoryStoreTest, SamplesComeBackWithTheirTimeAndOnlyTheAskedKeys) {
   ASSERT_EQ(store_->update(sample(100), nullptr), nullptr);
   now_ += 10.7;
   Array odd = sample(200);
-  odd[1] = Value("");            // missing
+  odd[1] = Value("");              // missing
   odd[2] = Value("not a number");  // stored as missing too
   odd.resize(17);                  // a short sample is padded
   ASSERT_EQ(store_->update(odd, nullptr), nullptr);
@@ -90,7 +90,8 @@ TEST_F(HistoryStoreTest, SamplesComeBackWithTheirTimeAndOnlyTheAskedKeys) {
   Value one("v1");
   EXPECT_EQ(query(Value(60), &one)[1], Value(Dict{{"t", int64_t{1700000010}}, {"v1", uint64_t{200}}}));
   Value list("v15, v1,bogus");
-  EXPECT_EQ(query(Value(60), &list)[0], Value(Dict{{"t", int64_t{1700000000}}, {"v15", uint64_t{7}}, {"v1", uint64_t{100}}}));
+  EXPECT_EQ(query(Value(60), &list)[0],
+            Value(Dict{{"t", int64_t{1700000000}}, {"v15", uint64_t{7}}, {"v1", uint64_t{100}}}));
   Value keys(Array{"v18", 3});
   EXPECT_EQ(query(Value(60), &keys)[0].as_dict()->size(), 2u);
   Value unknown("everything");

@@ -39,7 +39,8 @@ uint64_t get_numConnectedUsers(const plist::Dict* services, plist::Dict* context
   uint64_t count = 0;
   for (const UserSource& source : kSources) {
     if (source.gate && !is_configured(services, source.gate)) continue;
-    std::optional<plist::Dict> reply = manager.do_command(plist::Dict{{"command", source.command}}, source.module, user);
+    std::optional<plist::Dict> reply =
+        manager.do_command(plist::Dict{{"command", source.command}}, source.module, user);
     // Entries are counted, not told apart: a user on two services counts
     // twice.
     if (const plist::Array* list = reply ? reply->find_array(source.reply_key) : nullptr) count += list->size();

@@ -69,8 +69,8 @@ TEST_F(ConnectedUsersTest, GatedServicesAreAskedOnlyWhenConfiguredAndMailAlways)
   modules_.replies["hubwarden_smb"] = Dict{{"connectionsArray", Array{"x"}}};
   modules_.replies.erase("hubwarden_mediastream");
   EXPECT_EQ(get_numConnectedUsers(&all, &context_), 3u);
-  EXPECT_EQ(modules_.modules_asked(), (std::vector<std::string>{"hubwarden_filer", "hubwarden_mail", "hubwarden_smb",
-                                                                "hubwarden_mediastream"}));
+  EXPECT_EQ(modules_.modules_asked(),
+            (std::vector<std::string>{"hubwarden_filer", "hubwarden_mail", "hubwarden_smb", "hubwarden_mediastream"}));
 }
 
 }  // namespace

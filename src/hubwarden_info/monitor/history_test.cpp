@@ -77,8 +77,24 @@ TEST_F(HistoryTest, NetworkAndBootVolumePositions) {
   cached_network(Dict{{"en0", rate(7)}, {"en2", rate(9)}, {"en4", rate(11)}, {"enp0s3", rate(13)}});
   volumes_.volumes = {volume("Boot", 3000, 1000), volume("Other", 1, 1)};
   Array s = take_history_sample(&context_);
-  Array expected = {uint64_t{0}, uint64_t{30}, "", "", uint64_t{7}, "", uint64_t{9}, "", "", "",
-                    "", "", "", "", uint64_t{10}, uint64_t{20}, uint64_t{1000}, uint32_t{3333}};
+  Array expected = {uint64_t{0},
+                    uint64_t{30},
+                    "",
+                    "",
+                    uint64_t{7},
+                    "",
+                    uint64_t{9},
+                    "",
+                    "",
+                    "",
+                    "",
+                    "",
+                    "",
+                    "",
+                    uint64_t{10},
+                    uint64_t{20},
+                    uint64_t{1000},
+                    uint32_t{3333}};
   EXPECT_EQ(s, expected);
 
   // A volume larger than the 64-bit product free x 10000 still gives its
@@ -99,8 +115,8 @@ TEST_F(HistoryTest, FirstSampleAfterStartAndAFailingNetworkMeter) {
   EXPECT_EQ(update_history_data(&context_), nullptr);
   ASSERT_EQ(history_.stored.size(), 1u);
   Array first = history_.stored[0].sample;
-  Array expected = {uint64_t{0}, uint64_t{0}, "", "", uint64_t{0}, "", "", "", "", "",
-                    "", "", "", "", uint64_t{0}, uint64_t{0}, "", ""};
+  Array expected = {uint64_t{0}, uint64_t{0}, "", "", uint64_t{0}, "",          "",          "", "",
+                    "",          "",          "", "", "",          uint64_t{0}, uint64_t{0}, "", ""};
   EXPECT_EQ(first, expected);
 
   // Without a readable interface list every network position is empty.

@@ -28,7 +28,9 @@ class MetersTest : public testing::MonitorTest {
   static uint64_t usage(const Array& per_processor, size_t i) {
     return *per_processor.at(i).as_dict()->find("cpuUsage-" + std::to_string(i))->as_unsigned();
   }
-  platform::InterfaceCounters counters(std::string name, uint64_t in, uint64_t out) { return {std::move(name), in, out}; }
+  platform::InterfaceCounters counters(std::string name, uint64_t in, uint64_t out) {
+    return {std::move(name), in, out};
+  }
 
   Dict context_;
 };
@@ -121,8 +123,8 @@ TEST_F(MetersTest, NetworkRatesCountOnlyEthernetClassInterfaces) {
                      counters("enp0s3", uint64_t{1} << 40, 0)};
   std::optional<Dict> first = get_network_traffic(&context_);
   ASSERT_TRUE(first);
-  EXPECT_EQ(keys_of(*first), (std::vector<std::string>{"total_throughput", "total_input", "total_output",
-                                                       "interfaces_array"}));
+  EXPECT_EQ(keys_of(*first),
+            (std::vector<std::string>{"total_throughput", "total_input", "total_output", "interfaces_array"}));
   EXPECT_EQ(keys_of(*first->find_dict("interfaces_array")), (std::vector<std::string>{"en0", "enp0s3"}));
   EXPECT_EQ(*first->find("total_throughput"), Value(uint64_t{0}));
   EXPECT_EQ(*context_.find_dict("networkThroughputStore")->find("if_obytes-en0"), Value(uint64_t{2000}));
@@ -130,12 +132,13 @@ TEST_F(MetersTest, NetworkRatesCountOnlyEthernetClassInterfaces) {
   // 20.9 seconds later counts as 20 whole seconds. enp0s3's 64-bit counter
   // went backwards: the correction adds only 2^32. en1 is new: rates 0.
   advance(20.9);
-  net_.interfaces = {counters("lo", 9, 9), counters("en0", 3000, 2400), counters("enp0s3", (uint64_t{1} << 40) - 1000, 0),
-                     counters("en1", 777777, 777777)};
+  net_.interfaces = {counters("lo", 9, 9), counters("en0", 3000, 2400),
+                     counters("enp0s3", (uint64_t{1} << 40) - 1000, 0), counters("en1", 777777, 777777)};
   std::optional<Dict> second = get_network_traffic(&context_);
   ASSERT_TRUE(second);
   const Dict& interfaces = *second->find_dict("interfaces_array");
-  EXPECT_EQ(*interfaces.find_dict("en0"), (Dict{{"input", uint64_t{100}}, {"output", uint64_t{20}}, {"total", uint64_t{120}}}));
+  EXPECT_EQ(*interfaces.find_dict("en0"),
+            (Dict{{"input", uint64_t{100}}, {"output", uint64_t{20}}, {"total", uint64_t{120}}}));
   EXPECT_EQ(*interfaces.find_dict("enp0s3")->find("input"), Value(((uint64_t{1} << 32) - 1000) / 20));
   EXPECT_EQ(*interfaces.find_dict("en1")->find("total"), Value(uint64_t{0}));
   uint64_t in = 100 + ((uint64_t{1} << 32) - 1000) / 20;

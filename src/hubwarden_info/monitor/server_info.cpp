@@ -162,8 +162,8 @@ ErrorName get_server_info(ReplySlot& reply, const Value* variant, bool, Dict* co
   if (details.disk_usage) put("volumeInfos", get_volumeInfos());
 
   if (details.connected_users) {
-    const Dict* services = configuration && configuration->as_dict() ? configuration->as_dict()->find_dict("services")
-                                                                     : nullptr;
+    const Dict* services =
+        configuration && configuration->as_dict() ? configuration->as_dict()->find_dict("services") : nullptr;
     put("numConnectedUsers", Value(static_cast<uint32_t>(get_numConnectedUsers(services, context))));
   }
 

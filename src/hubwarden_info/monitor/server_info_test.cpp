@@ -66,9 +66,9 @@ TEST_F(ServerInfoTest, ReplyKeysFollowTheCachedStateInOrder) {
   });
   // "cpuUsageBy100" was already in the cached state: it keeps its place and
   // takes the new value.
-  EXPECT_EQ(own, (std::vector<std::string>{"state", "cpuUsageBy100", "readWriteSettingsVersion", "cpuHistoryBy100",
-                                           "volumeInfos", "numConnectedUsers", "networkThroughput",
-                                           "identityCertificates"}));
+  EXPECT_EQ(
+      own, (std::vector<std::string>{"state", "cpuUsageBy100", "readWriteSettingsVersion", "cpuHistoryBy100",
+                                     "volumeInfos", "numConnectedUsers", "networkThroughput", "identityCertificates"}));
   EXPECT_EQ(*reply_->find("cpuUsageBy100"), Value(uint64_t{0}));
   EXPECT_EQ(*reply_->find("identityCertificates"), Value(Array{"cert"}));
   EXPECT_EQ(reply_->find_array("volumeInfos")->size(), 1u);
@@ -93,7 +93,11 @@ TEST_F(ServerInfoTest, ReplyKeysFollowTheCachedStateInOrder) {
 }
 
 TEST_F(ServerInfoTest, OnlyADictionaryAfterThePrefixAsksForDetails) {
-  const char* no_details[] = {"", "withDetails+", "withDetails+(1, 2)", "withDetails+<plist", "withdetails+{GetDiskUsage=YES;}",
+  const char* no_details[] = {"",
+                              "withDetails+",
+                              "withDetails+(1, 2)",
+                              "withDetails+<plist",
+                              "withdetails+{GetDiskUsage=YES;}",
                               "withDetails+<plist version=\"1.0\"><array><true/></array></plist>"};
   for (const char* v : no_details) {
     Value variant(v);

@@ -17,10 +17,10 @@ class FakeHistoryService : public HistoryService {
     plist::Array sample;
   };
 
-  double now = 0;                     // time stamp of update(), "now" of get()
-  std::vector<Stored> stored;         // every sample, oldest first
-  ErrorName update_error = nullptr;   // returned by update() when set (nothing stored)
-  ErrorName get_error = nullptr;      // returned by get() when set
+  double now = 0;                    // time stamp of update(), "now" of get()
+  std::vector<Stored> stored;        // every sample, oldest first
+  ErrorName update_error = nullptr;  // returned by update() when set (nothing stored)
+  ErrorName get_error = nullptr;     // returned by get() when set
   std::vector<plist::Value> time_scales_asked;
   std::vector<std::optional<plist::Value>> variants_asked;
 

@@ -146,17 +146,17 @@ class ProcInterfaceStats : public InterfaceStats {
 // File systems that are not on a local disk: listing their sizes would be
 // meaningless (virtual) or could block on an unreachable server (network).
 bool is_network_type(std::string_view type) {
-  static const std::set<std::string_view> kNetwork = {
-      "nfs", "nfs4", "cifs", "smb3", "smbfs", "sshfs", "9p", "afs", "ceph", "glusterfs", "davfs", "ncpfs", "lustre"};
+  static const std::set<std::string_view> kNetwork = {"nfs", "nfs4", "cifs",      "smb3",  "smbfs", "sshfs", "9p",
+                                                      "afs", "ceph", "glusterfs", "davfs", "ncpfs", "lustre"};
   return kNetwork.count(type) > 0 || type.substr(0, 5) == "fuse.";
 }
 
 bool is_virtual_type(std::string_view type) {
   static const std::set<std::string_view> kVirtual = {
-      "tmpfs",   "devtmpfs",   "ramfs",     "proc",      "sysfs",  "cgroup",      "cgroup2",  "overlay",
-      "squashfs", "autofs",    "debugfs",   "tracefs",   "securityfs", "pstore",  "bpf",      "configfs",
-      "fusectl", "mqueue",     "hugetlbfs", "devpts",    "binfmt_misc", "efivarfs", "rpc_pipefs", "nsfs",
-      "selinuxfs", "rootfs",   "aufs",      "shm",       "fuse"};
+      "tmpfs",     "devtmpfs", "ramfs",     "proc",    "sysfs",       "cgroup",   "cgroup2",    "overlay",
+      "squashfs",  "autofs",   "debugfs",   "tracefs", "securityfs",  "pstore",   "bpf",        "configfs",
+      "fusectl",   "mqueue",   "hugetlbfs", "devpts",  "binfmt_misc", "efivarfs", "rpc_pipefs", "nsfs",
+      "selinuxfs", "rootfs",   "aufs",      "shm",     "fuse"};
   return kVirtual.count(type) > 0;
 }
 
@@ -187,8 +187,7 @@ std::string unescape_hex(std::string_view s) {
   };
   std::string out;
   for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '\\' && s.size() - i >= 4 && s[i + 1] == 'x' &&
-        hex(s[i + 2]) >= 0 && hex(s[i + 3]) >= 0) {
+    if (s[i] == '\\' && s.size() - i >= 4 && s[i + 1] == 'x' && hex(s[i + 2]) >= 0 && hex(s[i + 3]) >= 0) {
       out.push_back(static_cast<char>(hex(s[i + 2]) * 16 + hex(s[i + 3])));
       i += 3;
       continue;

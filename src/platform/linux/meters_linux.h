@@ -15,8 +15,7 @@ namespace platform {
 
 // One entry per "cpuN" line of proc_dir/stat, in processor order; running
 // follows sys_dir/devices/system/cpu/cpuN/online where that file exists.
-std::unique_ptr<ProcessorStats> make_proc_processor_stats(std::string proc_dir = "/proc",
-                                                          std::string sys_dir = "/sys");
+std::unique_ptr<ProcessorStats> make_proc_processor_stats(std::string proc_dir = "/proc", std::string sys_dir = "/sys");
 
 // Every interface of proc_dir/net/dev with its 64-bit byte counters.
 std::unique_ptr<InterfaceStats> make_proc_interface_stats(std::string proc_dir = "/proc");
