@@ -15,8 +15,10 @@
 
 namespace hubwarden {
 
-// Provided by the access subsystem; weak until it lands, and absent
-// providers simply leave their keys out of the report.
+// Provided by the access subsystem, which has not landed yet: weak, so that
+// absent providers leave their keys out of the report. Replace with
+// access/service_config.h and access/tiered_admin.h when they exist; a weak
+// reference alone does not pull a definition out of a static library.
 std::optional<Array> available_services() __attribute__((weak));
 ErrorName get_tiered_admin_summary(const Dict* request, ReplySlot& result, Dict* context) __attribute__((weak));
 
