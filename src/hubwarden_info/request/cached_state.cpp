@@ -131,7 +131,7 @@ std::optional<std::string> get_hardware_serial_number() {
     const plist::Data* data = property ? property->as_data() : nullptr;
     if (!data) continue;
     char buffer[256] = {};
-    std::memcpy(buffer, data->data(), std::min<size_t>(data->size(), 255));
+    if (!data->empty()) std::memcpy(buffer, data->data(), std::min<size_t>(data->size(), 255));
     char serial[20] = {};
     if (std::strchr(buffer, '-')) {
       std::memcpy(serial, buffer + 12, 8);

@@ -2,7 +2,9 @@
 // the module's settings property list, under gPrefsFileLock.
 #include "settings/settings_file.h"
 
+#include <memory>
 #include <mutex>
+#include <vector>
 
 #include "platform/file_util.h"
 #include "platform/paths.h"
@@ -22,8 +24,10 @@ void create_settings_lock() {
 }
 
 void reset_settings_lock_for_testing() {
-  // Deliberately leaked: another thread of a test may still hold a pointer.
-  gPrefsFileLock.store(nullptr);
+  // Retired locks are kept (reachable) rather than freed: a thread of a
+  // test may still hold a pointer to one.
+  static std::vector<std::unique_ptr<std::shared_mutex>> retired;
+  if (std::shared_mutex* old = gPrefsFileLock.exchange(nullptr)) retired.emplace_back(old);
 }
 
 namespace {
