@@ -66,6 +66,13 @@ class Directory {
   // without touching it.
   virtual int32_t set_group_record(const std::string& node_path, const std::string& group,
                                    const plist::Dict* attributes) = 0;
+  // Like set_group_record with attributes, for a caller that asked for the
+  // group to be created: a record that exists but cannot be read is replaced
+  // (an update would refuse it), a readable one is updated as usual.
+  virtual int32_t create_group_record(const std::string& node_path, const std::string& group,
+                                      const plist::Dict& attributes) {
+    return set_group_record(node_path, group, &attributes);
+  }
   // Names of the groups whose record name begins with prefix, in a stable
   // order, at most limit of them (0 = no limit).
   virtual std::vector<std::string> groups_with_prefix(const std::string& node_path,
