@@ -1,0 +1,148 @@
+#include "hubwardend/module_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "hubwardend/background_queue.h"
+#include "hubwardend/requester.h"
+
+namespace hubwardend {
+namespace {
+
+using namespace std::chrono_literals;
+
+class EchoModule : public ServiceModule {
+ public:
+  explicit EchoModule(std::string name) : name_(std::move(name)) {}
+  const std::string& name() const override { return name_; }
+  std::optional<plist::Dict> handle(const plist::Dict& request, const std::string& user) override {
+    plist::Dict reply{{"module", name_}, {"user", user}};
+    if (const plist::Value* command = request.find("command")) reply.set("command", *command);
+    return reply;
+  }
+
+ private:
+  std::string name_;
+};
+
+TEST(ModuleManagerTest, ContextHandedBackUnderAnotherNameIsUnlocked) {
+  plist::Dict context;
+  HostModuleManager manager(&context, 2s);
+  ThreadBackgroundQueue queue;
+
+  int fd = 0;
+  bool timed_out = true;
+  ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
+  EXPECT_FALSE(timed_out);
+  EXPECT_EQ(fd, -1);
+  EXPECT_FALSE(manager.context_marked_dirty());
+
+  // While this thread holds the context, background work has to wait.
+  std::atomic<bool> got{false};
+  queue.dispatch([&] {
+    int bg_fd;
+    bool bg_timed_out;
+    plist::Dict* c = manager.get_and_lock_context(kInfoModuleName, &bg_fd, &bg_timed_out);
+    if (!c) return;
+    got = true;
+    c->set("refreshed", true);
+    manager.set_and_unlock_context(c, "hubwardn_info", &bg_fd);
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(got);
+  manager.set_and_unlock_context(&context, "hubwardn_info", &fd);  // the module's spelling
+  queue.wait_until_idle();
+  EXPECT_TRUE(got) << "the lock was released although the name differs";
+  EXPECT_EQ(context.find("refreshed") != nullptr, true);
+  EXPECT_TRUE(manager.context_marked_dirty());
+
+  // And the lock is free again for anyone.
+  ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
+  manager.set_and_unlock_context(&context, "some other name", &fd);
+  // An extra hand-back does not unlock anything that is not locked.
+  manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
+  ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
+  manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
+}
+
+TEST(ModuleManagerTest, LockIsReentrantForItsHolderAndTimesOutForOthers) {
+  plist::Dict context;
+  HostModuleManager manager(&context, 100ms);
+  int fd;
+  bool timed_out;
+  ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
+  // The holder asking again (a module call that asks for its own context)
+  // does not deadlock.
+  ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
+  manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
+
+  bool other_timed_out = false;
+  plist::Dict* other = nullptr;
+  std::thread([&] { other = manager.get_and_lock_context(kInfoModuleName, &fd, &other_timed_out); }).join();
+  EXPECT_EQ(other, nullptr) << "still held once";
+  EXPECT_TRUE(other_timed_out);
+  manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
+  std::thread([&] { other = manager.get_and_lock_context(kInfoModuleName, &fd, &other_timed_out); }).join();
+  EXPECT_EQ(other, &context);
+  EXPECT_FALSE(other_timed_out);
+  manager.set_and_unlock_context(other, kInfoModuleName, &fd);
+
+  // Unknown modules have no context to hand out.
+  EXPECT_EQ(manager.get_and_lock_context("hubwarden_dns", &fd, &timed_out), nullptr);
+}
+
+TEST(ModuleManagerTest, CommandsGoToRegisteredModules) {
+  plist::Dict context;
+  HostModuleManager manager(&context);
+  manager.add_module(std::make_unique<EchoModule>("hubwarden_web"));
+  manager.add_module(std::make_unique<EchoModule>("hubwarden_dns"));
+  manager.add_module(std::make_unique<EchoModule>("hubwarden_web"));  // a duplicate is ignored
+  manager.add_module(std::make_unique<EchoModule>(kInfoModuleName));  // so is the module itself
+  manager.add_module(nullptr);
+  EXPECT_EQ(manager.module_names(), (std::vector<std::string>{kInfoModuleName, "hubwarden_web", "hubwarden_dns"}));
+
+  std::optional<plist::Dict> reply = manager.do_command(plist::Dict{{"command", "getState"}}, "hubwarden_dns", "admin");
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(*reply, (plist::Dict{{"module", "hubwarden_dns"}, {"user", "admin"}, {"command", "getState"}}));
+  EXPECT_FALSE(manager.do_command(plist::Dict{{"command", "getState"}}, "hubwarden_mail", "admin"));
+}
+
+TEST(RequesterTest, UserIsPerThreadAndNested) {
+  HostRequester requester("daemon");
+  EXPECT_EQ(requester.user_for(nullptr), "daemon");
+  {
+    ScopedUser outer("admin");
+    EXPECT_EQ(requester.user_for(nullptr), "admin");
+    std::string seen_elsewhere;
+    std::thread([&] { seen_elsewhere = requester.user_for(nullptr); }).join();
+    EXPECT_EQ(seen_elsewhere, "daemon");
+    {
+      ScopedUser inner(std::string("monitor"));  // a temporary: the scope keeps its own copy
+      EXPECT_EQ(requester.user_for(nullptr), "monitor");
+    }
+    EXPECT_EQ(requester.user_for(nullptr), "admin");
+  }
+  EXPECT_EQ(requester.user_for(nullptr), "daemon");
+  EXPECT_FALSE(running_user_name().empty());
+}
+
+TEST(BackgroundQueueTest, WaitCoversWorkQueuedByWork) {
+  ThreadBackgroundQueue queue(2);
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 8; ++i)
+    queue.dispatch([&] {
+      std::this_thread::sleep_for(1ms);
+      ++ran;
+      queue.dispatch([&] { ++ran; });
+    });
+  queue.dispatch([] { throw std::runtime_error("escapes the work"); });
+  queue.dispatch(nullptr);
+  queue.wait_until_idle();
+  EXPECT_EQ(ran, 16);
+  queue.wait_until_idle();  // idle already: returns at once
+}
+
+}  // namespace
+}  // namespace hubwardend
