@@ -28,7 +28,6 @@ ErrorName read_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; 
 ErrorName write_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; }
 std::optional<Dict> build_services_dict(bool, bool, Dict*) { return std::nullopt; }
 ErrorName mark_running_services_configured(Dict*, const Value*) { return nullptr; }
-std::optional<Array> sacls_for_user(const Value*, Dict*, bool) { return std::nullopt; }
 void register_services_with_zeroconf(bool, Dict*) {}
 void register_server_waiting_for_setup_with_zeroconf(Dict*) {}
 

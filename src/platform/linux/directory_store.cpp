@@ -1,0 +1,689 @@
+// The record-store directory with NSS at the real root: record files, their
+// cache, membership resolution and the directory client's server list.
+#include "platform/linux/directory_store.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "platform/file_util.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
+#include "plist/codec.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::string_view kLocalNode = "/Local/Default";
+constexpr std::string_view kSearchNode = "/Search";
+constexpr std::string_view kLocalLdapNode = "/LDAPv3/127.0.0.1";
+
+constexpr std::string_view kRecordName = "dsAttrTypeStandard:RecordName";
+constexpr std::string_view kGeneratedUID = "dsAttrTypeStandard:GeneratedUID";
+constexpr std::string_view kPrimaryGroupID = "dsAttrTypeStandard:PrimaryGroupID";
+constexpr std::string_view kUniqueID = "dsAttrTypeStandard:UniqueID";
+constexpr std::string_view kGroupMembership = "dsAttrTypeStandard:GroupMembership";
+constexpr std::string_view kGroupMembers = "dsAttrTypeStandard:GroupMembers";
+constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
+
+constexpr std::string_view kRecordSuffix = ".plist";
+// New groups get ids above the range distributions hand out to people.
+constexpr uint32_t kFirstGroupID = 1025;
+
+std::string store_dir(std::string_view kind) {
+  std::string path = "/var/db/hubwarden/directory/";
+  path += kind;
+  return resolve(path);
+}
+
+std::string record_path(std::string_view kind, std::string_view name) {
+  std::string path = store_dir(kind);
+  path += '/';
+  path += name;
+  path += kRecordSuffix;
+  return path;
+}
+
+bool contains(const std::vector<std::string_view>& values, std::string_view wanted) {
+  return std::find(values.begin(), values.end(), wanted) != values.end();
+}
+
+std::optional<uint32_t> parse_u32(std::string_view text) {
+  uint32_t n = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
+  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return n;
+}
+
+std::string fresh_uuid() {
+  uuid_t raw;
+  uuid_generate(raw);
+  char text[37];
+  uuid_unparse_upper(raw, text);
+  return text;
+}
+
+// NSS answers, at the real root only. The reentrant calls need a caller
+// buffer that may have to grow.
+struct NssUser {
+  uint32_t uid = 0;
+  uint32_t gid = 0;
+};
+
+struct NssGroup {
+  uint32_t gid = 0;
+  std::vector<std::string> members;
+};
+
+std::optional<NssUser> nss_user(const std::string& name) {
+  std::vector<char> buf(4096);
+  for (;;) {
+    struct passwd pw;
+    struct passwd* found = nullptr;
+    int rc = ::getpwnam_r(name.c_str(), &pw, buf.data(), buf.size(), &found);
+    if (rc == ERANGE && buf.size() < (1u << 20)) {
+      buf.resize(buf.size() * 2);
+      continue;
+    }
+    if (rc != 0 || !found) return std::nullopt;
+    return NssUser{pw.pw_uid, pw.pw_gid};
+  }
+}
+
+NssGroup group_from(const struct group& gr) {
+  NssGroup g;
+  g.gid = gr.gr_gid;
+  for (char** m = gr.gr_mem; m && *m; ++m) g.members.emplace_back(*m);
+  return g;
+}
+
+std::optional<NssGroup> nss_group(const std::string& name) {
+  std::vector<char> buf(4096);
+  for (;;) {
+    struct group gr;
+    struct group* found = nullptr;
+    int rc = ::getgrnam_r(name.c_str(), &gr, buf.data(), buf.size(), &found);
+    if (rc == ERANGE && buf.size() < (1u << 20)) {
+      buf.resize(buf.size() * 2);
+      continue;
+    }
+    if (rc != 0 || !found) return std::nullopt;
+    return group_from(gr);
+  }
+}
+
+bool nss_gid_taken(uint32_t gid) {
+  std::vector<char> buf(4096);
+  for (;;) {
+    struct group gr;
+    struct group* found = nullptr;
+    int rc = ::getgrgid_r(gid, &gr, buf.data(), buf.size(), &found);
+    if (rc == ERANGE && buf.size() < (1u << 20)) {
+      buf.resize(buf.size() * 2);
+      continue;
+    }
+    return rc == 0 && found;
+  }
+}
+
+std::vector<uint32_t> nss_group_ids_of(const std::string& user, uint32_t primary_gid) {
+  int count = 32;
+  std::vector<gid_t> gids(static_cast<size_t>(count));
+  for (int tries = 0; tries < 8; ++tries) {
+    int n = count;
+    if (::getgrouplist(user.c_str(), primary_gid, gids.data(), &n) >= 0) {
+      gids.resize(static_cast<size_t>(std::max(n, 0)));
+      return {gids.begin(), gids.end()};
+    }
+    if (n <= count) break;  // no progress: give up rather than loop
+    count = n;
+    gids.resize(static_cast<size_t>(count));
+  }
+  return {primary_gid};
+}
+
+// The group database is enumerated through process-wide state.
+std::mutex& group_enumeration_mutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::vector<std::string> nss_group_names() {
+  std::lock_guard<std::mutex> lock(group_enumeration_mutex());
+  std::vector<std::string> names;
+  std::vector<char> buf(4096);
+  ::setgrent();
+  for (;;) {
+    struct group gr;
+    struct group* found = nullptr;
+    int rc = ::getgrent_r(&gr, buf.data(), buf.size(), &found);
+    if (rc == ERANGE && buf.size() < (1u << 20)) {
+      buf.resize(buf.size() * 2);
+      continue;
+    }
+    if (rc != 0 || !found) break;
+    names.emplace_back(gr.gr_name);
+  }
+  ::endgrent();
+  return names;
+}
+
+// Names of the records in a store directory. Temporary files of atomic
+// writes and backups of damaged records do not end in ".plist".
+std::vector<std::string> record_names_in(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return names;
+  while (struct dirent* e = ::readdir(d)) {
+    std::string_view file = e->d_name;
+    if (file.size() <= kRecordSuffix.size() || !file.ends_with(kRecordSuffix)) continue;
+    std::string_view name = file.substr(0, file.size() - kRecordSuffix.size());
+    if (is_valid_record_name(name)) names.emplace_back(name);
+  }
+  ::closedir(d);
+  return names;
+}
+
+std::string_view trim(std::string_view s) {
+  size_t b = s.find_first_not_of(" \t\r");
+  if (b == std::string_view::npos) return {};
+  size_t e = s.find_last_not_of(" \t\r");
+  return s.substr(b, e - b + 1);
+}
+
+std::vector<std::string_view> split_list(std::string_view s) {
+  std::vector<std::string_view> out;
+  while (!s.empty()) {
+    size_t comma = s.find(',');
+    std::string_view item = trim(s.substr(0, comma));
+    if (!item.empty()) out.push_back(item);
+    if (comma == std::string_view::npos) break;
+    s.remove_prefix(comma + 1);
+  }
+  return out;
+}
+
+// "ldaps://host:636/" -> "host"; "ldap://[::1]" -> "::1".
+std::string host_of_uri(std::string_view uri) {
+  size_t scheme = uri.find("://");
+  if (scheme != std::string_view::npos) uri.remove_prefix(scheme + 3);
+  uri = uri.substr(0, uri.find('/'));
+  if (uri.starts_with('[')) {
+    size_t close = uri.find(']');
+    return std::string(uri.substr(1, close == std::string_view::npos ? uri.size() - 1 : close - 1));
+  }
+  return std::string(uri.substr(0, uri.find(':')));
+}
+
+// The record file's identity. A replacement by rename gets a new inode, and
+// any write in place moves the change time, which nobody can set back.
+struct FileIdentity {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  off_t size = 0;
+  struct timespec mtime {};
+  struct timespec ctime {};
+
+  static FileIdentity of(const struct stat& st) {
+    return {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  }
+  bool operator==(const FileIdentity& o) const {
+    return dev == o.dev && ino == o.ino && size == o.size && mtime.tv_sec == o.mtime.tv_sec &&
+           mtime.tv_nsec == o.mtime.tv_nsec && ctime.tv_sec == o.ctime.tv_sec && ctime.tv_nsec == o.ctime.tv_nsec;
+  }
+};
+
+enum class RecordState { Missing, Damaged, Ok };
+
+struct LoadedRecord {
+  RecordState state = RecordState::Missing;
+  std::shared_ptr<const plist::Dict> record;  // set when Ok
+};
+
+class DirectoryStore : public Directory {
+ public:
+  std::string default_local_node_path() override { return std::string(kLocalNode); }
+
+  int32_t open_node(const std::string& node_path) override {
+    if (node_path == kLocalNode || node_path == kSearchNode) return kDirectoryOK;
+    if (node_path == kLocalLdapNode && has_local_ldap_server()) return kDirectoryOK;
+    return kDirectoryNodeUnavailable;
+  }
+
+  std::optional<UserRecord> find_user(const std::string& node_path, const std::string& name,
+                                      int32_t* status) override {
+    *status = open_node(node_path);
+    if (*status != kDirectoryOK) return std::nullopt;
+    if (!is_valid_record_name(name)) {
+      *status = kDirectoryInvalidName;
+      return std::nullopt;
+    }
+    LoadedRecord stored = load("users", name);
+    std::optional<NssUser> system = real_root() ? nss_user(name) : std::nullopt;
+    if (stored.state != RecordState::Ok && !system) return std::nullopt;
+    UserRecord user;
+    user.name = name;
+    if (stored.record) {
+      std::vector<std::string_view> guid = attribute_values(*stored.record, kGeneratedUID);
+      if (!guid.empty()) user.guid = guid.front();
+      user.uid = attribute_number(*stored.record, kUniqueID);
+      user.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
+    }
+    if (system) {
+      if (!user.uid) user.uid = system->uid;
+      if (!user.primary_gid) user.primary_gid = system->gid;
+    }
+    return user;
+  }
+
+  bool is_member(const std::string& user, const std::string& group) override {
+    if (!is_valid_record_name(user) || !is_valid_record_name(group)) return false;
+    std::optional<Member> member = member_facts(user);
+    if (!member) return false;
+    std::unordered_set<std::string> visited{group};
+    return is_member_of(*member, group, visited);
+  }
+
+  int32_t get_group_record(const std::string& node_path, const std::string& group,
+                           plist::Dict* attributes) override {
+    attributes->clear();
+    if (int32_t status = open_node(node_path); status != kDirectoryOK) return status;
+    if (!is_valid_record_name(group)) return kDirectoryInvalidName;
+    LoadedRecord stored = load("groups", group);
+    if (stored.state == RecordState::Ok) {
+      *attributes = *stored.record;
+      return kDirectoryOK;
+    }
+    if (stored.state == RecordState::Missing && real_root()) {
+      if (std::optional<NssGroup> system = nss_group(group)) {
+        *attributes = record_of_system_group(group, *system);
+        return kDirectoryOK;
+      }
+    }
+    return kDirectoryRecordNotFound;
+  }
+
+  int32_t set_group_record(const std::string& node_path, const std::string& group,
+                           const plist::Dict* attributes) override {
+    return write_group(node_path, group, attributes, /*create=*/false);
+  }
+
+  int32_t create_group_record(const std::string& node_path, const std::string& group,
+                              const plist::Dict& attributes) override {
+    return write_group(node_path, group, &attributes, /*create=*/true);
+  }
+
+  std::vector<std::string> groups_with_prefix(const std::string& node_path, const std::string& prefix,
+                                              size_t limit) override {
+    if (open_node(node_path) != kDirectoryOK) return {};
+    // A damaged record still counts as an existing group here: a damaged
+    // access group then closes its service instead of opening it to all.
+    std::set<std::string> found;
+    for (std::string& name : record_names_in(store_dir("groups")))
+      if (name.starts_with(prefix)) found.insert(std::move(name));
+    if (real_root()) {
+      for (std::string& name : nss_group_names())
+        if (name.starts_with(prefix) && is_valid_record_name(name)) found.insert(std::move(name));
+    }
+    std::vector<std::string> names(found.begin(), found.end());
+    if (limit != 0 && names.size() > limit) names.resize(limit);
+    return names;
+  }
+
+  std::vector<DirectoryServer> configured_servers() override {
+    std::vector<DirectoryServer> servers;
+    std::optional<std::string> conf = read_file(resolve("/etc/sssd/sssd.conf"));
+    if (!conf) return servers;
+    struct Domain {
+      std::string provider, ldap_uri, ad_server, ad_domain;
+    };
+    std::vector<Domain> domains;
+    bool in_domain = false;
+    std::string_view text = *conf;
+    while (!text.empty()) {
+      size_t nl = text.find('\n');
+      std::string_view line = trim(text.substr(0, nl));
+      text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
+      if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+      if (line.front() == '[') {
+        in_domain = line.starts_with("[domain/");
+        if (in_domain) domains.emplace_back();
+        continue;
+      }
+      if (!in_domain) continue;
+      size_t eq = line.find('=');
+      if (eq == std::string_view::npos) continue;
+      std::string_view key = trim(line.substr(0, eq));
+      std::string value(trim(line.substr(eq + 1)));
+      Domain& d = domains.back();
+      if (key == "id_provider") d.provider = value;
+      else if (key == "ldap_uri") d.ldap_uri = value;
+      else if (key == "ad_server") d.ad_server = value;
+      else if (key == "ad_domain") d.ad_domain = value;
+    }
+    for (const Domain& d : domains) {
+      if (d.provider == "ldap") {
+        for (std::string_view uri : split_list(d.ldap_uri)) {
+          std::string host = host_of_uri(uri);
+          if (!host.empty()) servers.push_back({host, DirectoryServer::Kind::Ldap});
+        }
+      } else if (d.provider == "ad") {
+        bool any = false;
+        for (std::string_view server : split_list(d.ad_server)) {
+          if (server == "_srv_") continue;  // discovery, not a server name
+          servers.push_back({std::string(server), DirectoryServer::Kind::ActiveDirectory});
+          any = true;
+        }
+        if (!any && !d.ad_domain.empty())
+          servers.push_back({d.ad_domain, DirectoryServer::Kind::ActiveDirectory});
+      }
+    }
+    return servers;
+  }
+
+ private:
+  struct CacheEntry {
+    FileIdentity identity;
+    LoadedRecord loaded;
+  };
+
+  // What membership needs to know about the user, gathered once per question.
+  struct Member {
+    std::string name;
+    std::string guid;
+    std::optional<uint32_t> primary_gid;
+    std::vector<uint32_t> system_gids;  // NSS groups of the user, real root only
+  };
+
+  static bool real_root() { return get<Paths>().is_real_root(); }
+
+  bool has_local_ldap_server() {
+    if (file_exists(resolve("/etc/hubwarden/ldap-local"))) return true;
+    for (const DirectoryServer& s : configured_servers())
+      if (s.kind == DirectoryServer::Kind::Ldap && (s.name == "127.0.0.1" || s.name == "::1" || s.name == "localhost"))
+        return true;
+    return false;
+  }
+
+  // Reads a record through the cache. The identity comes from the open file
+  // itself, so the cached contents always belong to the identity they are
+  // filed under.
+  LoadedRecord load(std::string_view kind, std::string_view name) {
+    std::string path = record_path(kind, name);
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+      LoadedRecord result;
+      if (errno != ENOENT && errno != ENOTDIR) result.state = RecordState::Damaged;
+      std::lock_guard<std::mutex> lock(cache_mutex_);
+      cache_.erase(path);
+      return result;
+    }
+    {
+      std::lock_guard<std::mutex> lock(cache_mutex_);
+      auto it = cache_.find(path);
+      if (it != cache_.end() && it->second.identity == FileIdentity::of(st)) return it->second.loaded;
+    }
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return {errno == ENOENT ? RecordState::Missing : RecordState::Damaged, nullptr};
+    LoadedRecord loaded{RecordState::Damaged, nullptr};
+    std::string text;
+    bool read_ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    if (read_ok) {
+      char buf[16384];
+      for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) read_ok = false;
+        if (n <= 0) break;
+        text.append(buf, static_cast<size_t>(n));
+      }
+    }
+    ::close(fd);
+    if (!read_ok) return loaded;
+    plist::Parsed parsed = plist::parse_xml(text);
+    if (parsed.ok() && parsed.value.is_dict())
+      loaded = {RecordState::Ok, std::make_shared<const plist::Dict>(std::move(*parsed.value.as_dict()))};
+    std::lock_guard<std::mutex> lock(cache_mutex_);
+    cache_[path] = CacheEntry{FileIdentity::of(st), loaded};
+    return loaded;
+  }
+
+  static plist::Dict record_of_system_group(const std::string& name, const NssGroup& system) {
+    plist::Dict record;
+    record.set(kRecordName, plist::Array{plist::Value(name)});
+    record.set(kPrimaryGroupID, plist::Array{plist::Value(std::to_string(system.gid))});
+    plist::Array members;
+    for (const std::string& m : system.members) members.emplace_back(m);
+    record.set(kGroupMembership, std::move(members));
+    return record;
+  }
+
+  std::optional<Member> member_facts(const std::string& user) {
+    LoadedRecord stored = load("users", user);
+    std::optional<NssUser> system = real_root() ? nss_user(user) : std::nullopt;
+    if (stored.state != RecordState::Ok && !system) return std::nullopt;
+    Member m;
+    m.name = user;
+    if (stored.record) {
+      std::vector<std::string_view> guid = attribute_values(*stored.record, kGeneratedUID);
+      if (!guid.empty()) m.guid = guid.front();
+      m.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
+    }
+    if (system) {
+      if (!m.primary_gid) m.primary_gid = system->gid;
+      m.system_gids = nss_group_ids_of(user, system->gid);
+    }
+    return m;
+  }
+
+  bool is_member_of(const Member& m, const std::string& group, std::unordered_set<std::string>& visited) {
+    LoadedRecord stored = load("groups", group);
+    std::optional<NssGroup> system = real_root() ? nss_group(group) : std::nullopt;
+    if (system) {
+      if (std::find(system->members.begin(), system->members.end(), m.name) != system->members.end()) return true;
+      if (std::find(m.system_gids.begin(), m.system_gids.end(), system->gid) != m.system_gids.end()) return true;
+      if (m.primary_gid && *m.primary_gid == system->gid) return true;
+    }
+    if (stored.state != RecordState::Ok) return false;
+    const plist::Dict& record = *stored.record;
+    if (contains(attribute_values(record, kGroupMembership), m.name)) return true;
+    if (!m.guid.empty() && contains(attribute_values(record, kGroupMembers), m.guid)) return true;
+    std::optional<uint32_t> gid = attribute_number(record, kPrimaryGroupID);
+    if (gid && m.primary_gid && *gid == *m.primary_gid) return true;
+    for (std::string_view nested_guid : attribute_values(record, kNestedGroups)) {
+      std::optional<std::string> nested = group_named_by_guid(nested_guid);
+      if (!nested || !visited.insert(*nested).second) continue;
+      if (is_member_of(m, *nested, visited)) return true;
+    }
+    return false;
+  }
+
+  // GUIDs are resolved through an index that is checked against the record
+  // on every hit and rebuilt from the store on a miss, so it is never
+  // trusted beyond what the files say now.
+  std::optional<std::string> group_named_by_guid(std::string_view guid) {
+    if (guid.empty()) return std::nullopt;
+    std::string key(guid);
+    std::optional<std::string> candidate;
+    {
+      std::lock_guard<std::mutex> lock(cache_mutex_);
+      auto it = guid_index_.find(key);
+      if (it != guid_index_.end()) candidate = it->second;
+    }
+    if (candidate && has_guid(*candidate, guid)) return candidate;
+    std::unordered_map<std::string, std::string> index;
+    for (const std::string& name : record_names_in(store_dir("groups"))) {
+      LoadedRecord loaded = load("groups", name);
+      if (loaded.state != RecordState::Ok) continue;
+      for (std::string_view g : attribute_values(*loaded.record, kGeneratedUID)) index.emplace(g, name);
+    }
+    std::optional<std::string> found;
+    if (auto it = index.find(key); it != index.end()) found = it->second;
+    std::lock_guard<std::mutex> lock(cache_mutex_);
+    guid_index_ = std::move(index);
+    return found;
+  }
+
+  bool has_guid(const std::string& group, std::string_view guid) {
+    LoadedRecord loaded = load("groups", group);
+    return loaded.state == RecordState::Ok && contains(attribute_values(*loaded.record, kGeneratedUID), guid);
+  }
+
+  uint32_t free_group_id() {
+    std::set<uint32_t> taken;
+    for (const std::string& name : record_names_in(store_dir("groups"))) {
+      LoadedRecord loaded = load("groups", name);
+      if (loaded.state != RecordState::Ok) continue;
+      if (std::optional<uint32_t> gid = attribute_number(*loaded.record, kPrimaryGroupID)) taken.insert(*gid);
+    }
+    uint32_t gid = kFirstGroupID;
+    while (gid < std::numeric_limits<uint32_t>::max() && (taken.count(gid) || (real_root() && nss_gid_taken(gid))))
+      ++gid;
+    return gid;
+  }
+
+  int32_t write_group(const std::string& node_path, const std::string& group, const plist::Dict* attributes,
+                      bool create) {
+    if (int32_t status = open_node(node_path); status != kDirectoryOK) return status;
+    if (!is_valid_record_name(group)) return kDirectoryInvalidName;
+    std::string path = record_path("groups", group);
+    std::lock_guard<std::mutex> writer(write_mutex_);
+    LoadedRecord current = load("groups", group);
+
+    if (!attributes) {
+      if (current.state == RecordState::Missing) return kDirectoryRecordNotFound;
+      return ::unlink(path.c_str()) == 0 ? kDirectoryOK : kDirectoryWriteFailed;
+    }
+    plist::Dict given;
+    if (int32_t status = normalise_attributes(*attributes, &given); status != kDirectoryOK) return status;
+
+    plist::Dict record;
+    if (current.state == RecordState::Ok) {
+      record = *current.record;
+      record.merge(given);
+    } else if (current.state == RecordState::Damaged && !create) {
+      return kDirectoryWriteFailed;
+    } else {
+      // Kept beside the store, out of the way of record scans, so that a
+      // damaged record replaced by a create can still be looked at.
+      if (current.state == RecordState::Damaged && ::rename(path.c_str(), (path + ".damaged").c_str()) != 0)
+        return kDirectoryWriteFailed;
+      record = std::move(given);
+      std::optional<NssGroup> system = real_root() ? nss_group(group) : std::nullopt;
+      if (!record.contains(kGeneratedUID)) record.set(kGeneratedUID, plist::Array{plist::Value(fresh_uuid())});
+      if (!record.contains(kPrimaryGroupID)) {
+        uint32_t gid = system ? system->gid : free_group_id();
+        record.set(kPrimaryGroupID, plist::Array{plist::Value(std::to_string(gid))});
+      }
+    }
+    // The file name is the record name; a record cannot rename itself.
+    record.set(kRecordName, plist::Array{plist::Value(group)});
+    if (!write_file_atomically(path, plist::write_xml(plist::Value(std::move(record))))) return kDirectoryWriteFailed;
+    return kDirectoryOK;
+  }
+
+  std::mutex write_mutex_;  // taken before cache_mutex_, never after
+  std::mutex cache_mutex_;
+  std::unordered_map<std::string, CacheEntry> cache_;
+  std::unordered_map<std::string, std::string> guid_index_;
+};
+
+bool string_of_number(const plist::Value& v, std::string* out) {
+  if (const int64_t* i = v.as_integer()) {
+    *out = std::to_string(*i);
+    return true;
+  }
+  if (const uint64_t* u = v.as_unsigned()) {
+    *out = std::to_string(*u);
+    return true;
+  }
+  if (const double* d = v.as_real()) {
+    // Only reals that are whole numbers an int64 can hold survive as text.
+    if (!std::isfinite(*d) || std::trunc(*d) != *d || std::fabs(*d) >= 9.2e18) return false;
+    *out = std::to_string(static_cast<int64_t>(*d));
+    return true;
+  }
+  return false;
+}
+
+bool element_text(const plist::Value& v, std::string* out) {
+  if (const std::string* s = v.as_string()) {
+    *out = *s;
+    return true;
+  }
+  if (const bool* b = v.as_bool()) {
+    *out = *b ? "YES" : "NO";
+    return true;
+  }
+  return string_of_number(v, out);
+}
+
+}  // namespace
+
+std::unique_ptr<Directory> make_directory_store() { return std::make_unique<DirectoryStore>(); }
+
+bool is_valid_record_name(std::string_view name) {
+  if (name.empty() || name.find('/') != std::string_view::npos || name.find("..") != std::string_view::npos)
+    return false;
+  for (char c : name)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
+  return true;
+}
+
+int32_t normalise_attributes(const plist::Dict& given, plist::Dict* out) {
+  out->clear();
+  for (const auto& [key, value] : given) {
+    plist::Array values;
+    std::string text;
+    if (const plist::Array* array = value.as_array()) {
+      for (const plist::Value& element : *array) {
+        if (!element_text(element, &text)) return kDirectoryInvalidValue;
+        values.emplace_back(std::move(text));
+      }
+    } else if (element_text(value, &text)) {
+      values.emplace_back(std::move(text));
+    } else {
+      return kDirectoryInvalidValue;
+    }
+    out->set(key, std::move(values));
+  }
+  return kDirectoryOK;
+}
+
+std::vector<std::string_view> attribute_values(const plist::Dict& record, std::string_view key) {
+  std::vector<std::string_view> values;
+  const plist::Value* v = record.find(key);
+  if (!v) return values;
+  if (const std::string* s = v->as_string()) {
+    values.push_back(*s);
+  } else if (const plist::Array* array = v->as_array()) {
+    for (const plist::Value& element : *array)
+      if (const std::string* s = element.as_string()) values.push_back(*s);
+  }
+  return values;
+}
+
+std::optional<uint32_t> attribute_number(const plist::Dict& record, std::string_view key) {
+  std::vector<std::string_view> values = attribute_values(record, key);
+  if (values.empty()) return std::nullopt;
+  return parse_u32(values.front());
+}
+
+}  // namespace platform
