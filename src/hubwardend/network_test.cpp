@@ -52,7 +52,9 @@ TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
   // The quick gathering reuses names the complete one found.
   plist::Array complete = network.get_interfaces_info(true);
   plist::Array quick = network.get_interfaces_info(false);
-  if (complete.size() == quick.size()) EXPECT_EQ(complete, quick);
+  if (complete.size() == quick.size()) {
+    EXPECT_EQ(complete, quick);
+  }
 }
 
 TEST(NetworkTest, HostNamesOfThisHostAndOfAddresses) {
