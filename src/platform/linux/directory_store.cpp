@@ -46,6 +46,8 @@ constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
 constexpr std::string_view kRecordSuffix = ".plist";
 // New groups get ids above the range distributions hand out to people.
 constexpr uint32_t kFirstGroupID = 1025;
+// Wide enough for file systems with two-second time stamps.
+constexpr time_t kRacyWindowSeconds = 3;
 
 std::string store_dir(std::string_view kind) {
   std::string path = "/var/db/hubwarden/directory/";
@@ -402,6 +404,8 @@ class DirectoryStore : public Directory {
   struct CacheEntry {
     FileIdentity identity;
     LoadedRecord loaded;
+    bool racy = false;
+    std::string text;  // kept only while racy
   };
 
   // What membership needs to know about the user, gathered once per question.
@@ -424,7 +428,10 @@ class DirectoryStore : public Directory {
 
   // Reads a record through the cache. The identity comes from the open file
   // itself, so the cached contents always belong to the identity they are
-  // filed under.
+  // filed under. File times tick coarsely, so a file changed within
+  // kRacyWindow of being read could change again without a new identity:
+  // such an entry keeps its text and is compared byte for byte on each use
+  // until a read falls outside the window.
   LoadedRecord load(std::string_view kind, std::string_view name) {
     std::string path = record_path(kind, name);
     struct stat st;
@@ -435,14 +442,19 @@ class DirectoryStore : public Directory {
       cache_.erase(path);
       return result;
     }
+    std::optional<CacheEntry> racy;
     {
       std::lock_guard<std::mutex> lock(cache_mutex_);
       auto it = cache_.find(path);
-      if (it != cache_.end() && it->second.identity == FileIdentity::of(st)) return it->second.loaded;
+      if (it != cache_.end() && it->second.identity == FileIdentity::of(st)) {
+        if (!it->second.racy) return it->second.loaded;
+        racy = it->second;
+      }
     }
+    struct timespec read_start;
+    ::clock_gettime(CLOCK_REALTIME, &read_start);
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return {errno == ENOENT ? RecordState::Missing : RecordState::Damaged, nullptr};
-    LoadedRecord loaded{RecordState::Damaged, nullptr};
     std::string text;
     bool read_ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     if (read_ok) {
@@ -456,12 +468,23 @@ class DirectoryStore : public Directory {
       }
     }
     ::close(fd);
-    if (!read_ok) return loaded;
-    plist::Parsed parsed = plist::parse_xml(text);
-    if (parsed.ok() && parsed.value.is_dict())
-      loaded = {RecordState::Ok, std::make_shared<const plist::Dict>(std::move(*parsed.value.as_dict()))};
+    if (!read_ok) return {RecordState::Damaged, nullptr};
+
+    CacheEntry entry;
+    entry.identity = FileIdentity::of(st);
+    if (racy && racy->identity == entry.identity && racy->text == text) {
+      entry.loaded = racy->loaded;
+    } else {
+      entry.loaded = {RecordState::Damaged, nullptr};
+      plist::Parsed parsed = plist::parse_xml(text);
+      if (parsed.ok() && parsed.value.is_dict())
+        entry.loaded = {RecordState::Ok, std::make_shared<const plist::Dict>(std::move(*parsed.value.as_dict()))};
+    }
+    entry.racy = read_start.tv_sec < st.st_ctim.tv_sec + kRacyWindowSeconds;
+    if (entry.racy) entry.text = std::move(text);
+    LoadedRecord loaded = entry.loaded;
     std::lock_guard<std::mutex> lock(cache_mutex_);
-    cache_[path] = CacheEntry{FileIdentity::of(st), loaded};
+    cache_[path] = std::move(entry);
     return loaded;
   }
 
