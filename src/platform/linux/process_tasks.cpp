@@ -1,0 +1,384 @@
+// Runs tools as child processes. run() forks, connects the child's three
+// standard streams to pipes and serves them from one poll loop, so a tool
+// that fills its output pipe while we are still feeding its input cannot
+// deadlock us. spawn_detached() double-forks so the tool belongs to init
+// and never becomes our zombie. Exec failures travel back over a
+// close-on-exec pipe: its end closing with no message means exec worked.
+//
+// Between fork and exec the child makes only async-signal-safe calls,
+// because the daemon is multithreaded; everything it needs (argument
+// vector, paths) is prepared before the fork.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "platform/linux/basics.h"
+
+#ifndef CLOSE_RANGE_CLOEXEC
+#define CLOSE_RANGE_CLOEXEC (1U << 2)
+#endif
+
+namespace platform {
+
+namespace {
+
+// Output beyond this per stream is read and dropped, so a runaway tool
+// cannot exhaust the daemon's memory.
+constexpr size_t kMaxCapturedBytes = 64u << 20;
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  ~Fd() { reset(); }
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+struct Pipe {
+  Fd read, write;
+  bool open() {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    read.reset(fds[0]);
+    write.reset(fds[1]);
+    return true;
+  }
+};
+
+std::vector<char*> make_argv(const std::string& path, const std::vector<std::string>& args) {
+  std::vector<char*> argv;
+  if (args.empty()) argv.push_back(const_cast<char*>(path.c_str()));
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  return argv;
+}
+
+double monotonic_now() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int wait_for_exit(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+void write_all_raw(int fd, const void* data, size_t size) {
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    ssize_t n = ::write(fd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+}
+
+// Child side, before exec: undo what the daemon set up for itself (blocked
+// or ignored signals are inherited across exec) and keep its other
+// descriptors out of the tool.
+void reset_child_state() {
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  struct sigaction dfl = {};
+  dfl.sa_handler = SIG_DFL;
+  ::sigaction(SIGPIPE, &dfl, nullptr);
+  ::syscall(SYS_close_range, 3u, ~0u, CLOSE_RANGE_CLOEXEC);
+}
+
+// Moves fd above the standard descriptors, in case the daemon runs with one
+// of them closed and a pipe took its number.
+int lift(int fd) { return fd > 2 ? fd : ::fcntl(fd, F_DUPFD_CLOEXEC, 3); }
+
+[[noreturn]] void exec_child(const char* path, char* const argv[], int in, int out, int err, int report) {
+  in = lift(in);
+  out = lift(out);
+  err = lift(err);
+  report = lift(report);
+  if (::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) {
+    int e = errno;
+    write_all_raw(report, &e, sizeof e);
+    ::_exit(127);
+  }
+  // Its own process group, so a timeout can kill whatever it started too.
+  ::setpgid(0, 0);
+  reset_child_state();
+  ::execv(path, argv);
+  int e = errno;
+  write_all_raw(report, &e, sizeof e);
+  ::_exit(127);
+}
+
+// Writes to a pipe whose reader may be gone without taking SIGPIPE: the
+// signal is blocked for this thread and, if the write raised it, consumed.
+ssize_t write_without_sigpipe(int fd, const char* data, size_t size) {
+  sigset_t pipe_set, old;
+  sigemptyset(&pipe_set);
+  sigaddset(&pipe_set, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &pipe_set, &old);
+  sigset_t pending;
+  sigemptyset(&pending);
+  ::sigpending(&pending);
+  bool was_pending = sigismember(&pending, SIGPIPE);
+  ssize_t n = ::write(fd, data, size);
+  int e = errno;
+  if (n < 0 && e == EPIPE && !was_pending) {
+    struct timespec zero = {0, 0};
+    ::sigtimedwait(&pipe_set, nullptr, &zero);
+  }
+  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  errno = e;
+  return n;
+}
+
+// Reads what fd has now into sink; closes fd at end of file or error.
+void drain(Fd& fd, std::string& sink) {
+  char buf[65536];
+  while (fd.valid()) {
+    ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n > 0) {
+      size_t room = sink.size() < kMaxCapturedBytes ? kMaxCapturedBytes - sink.size() : 0;
+      sink.append(buf, std::min(room, static_cast<size_t>(n)));
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) return;
+    fd.reset();
+  }
+}
+
+void set_nonblocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+// A descriptor that becomes readable when the child exits (Linux 5.3+), so
+// that a grandchild still holding our pipes cannot keep run() waiting.
+int open_pidfd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  long fd = ::syscall(SYS_pidfd_open, pid, 0);
+  return fd < 0 ? -1 : static_cast<int>(fd);
+#else
+  return -1;
+#endif
+}
+
+bool child_has_exited(pid_t pid) {
+  siginfo_t info = {};
+  return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+}
+
+class ProcessTasks : public Tasks {
+ public:
+  TaskResult run(const std::string& path, const std::vector<std::string>& args, const std::string& input,
+                 double timeout_seconds) override {
+    TaskResult result;
+    Pipe in, out, err, report;
+    if (!in.open() || !out.open() || !err.open() || !report.open()) return result;
+    std::vector<char*> argv = make_argv(path, args);
+
+    pid_t pid = ::fork();
+    if (pid < 0) return result;
+    if (pid == 0) exec_child(path.c_str(), argv.data(), in.read.get(), out.write.get(), err.write.get(),
+                             report.write.get());
+
+    // The child keeps its own copies; ours would hide end of file.
+    in.read.reset();
+    out.write.reset();
+    err.write.reset();
+    report.write.reset();
+    if (exec_failed(report.read.get())) {
+      wait_for_exit(pid);
+      return result;
+    }
+    result.launched = true;
+
+    serve(pid, in.write, out.read, err.read, input, timeout_seconds, &result);
+    if (result.timed_out) {
+      ::kill(-pid, SIGKILL);
+      ::kill(pid, SIGKILL);
+    }
+    in.write.reset();
+    out.read.reset();
+    err.read.reset();
+    result.exit_status = wait_for_exit(pid);
+    return result;
+  }
+
+  std::optional<int> spawn_detached(const std::string& path, const std::vector<std::string>& args) override {
+    Pipe report;
+    if (!report.open()) return std::nullopt;
+    std::vector<char*> argv = make_argv(path, args);
+
+    pid_t middle = ::fork();
+    if (middle < 0) return std::nullopt;
+    if (middle == 0) {
+      // A new session: no controlling terminal, and the daemon's terminal
+      // signals do not reach the tool.
+      ::setsid();
+      int wfd = lift(report.write.get());
+      pid_t tool = ::fork();
+      if (tool < 0) {
+        Message m{Message::kForkFailed, errno};
+        write_all_raw(wfd, &m, sizeof m);
+        ::_exit(1);
+      }
+      if (tool == 0) {
+        int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (null >= 0) {
+          null = lift(null);
+          ::dup2(null, 0);
+          ::dup2(null, 1);
+          ::dup2(null, 2);
+        }
+        reset_child_state();
+        ::execv(path.c_str(), argv.data());
+        Message m{Message::kExecFailed, errno};
+        write_all_raw(wfd, &m, sizeof m);
+        ::_exit(127);
+      }
+      Message m{Message::kPid, tool};
+      write_all_raw(wfd, &m, sizeof m);
+      ::_exit(0);
+    }
+    report.write.reset();
+    wait_for_exit(middle);
+
+    // End of file comes once the middle process has exited and the tool has
+    // either exec'd or died.
+    std::optional<int> pid;
+    bool failed = false;
+    Message m;
+    while (read_message(report.read.get(), &m)) {
+      if (m.kind == Message::kPid) pid = m.value;
+      else failed = true;
+    }
+    if (failed) return std::nullopt;
+    return pid;
+  }
+
+ private:
+  struct Message {
+    enum Kind : int { kPid = 1, kExecFailed = 2, kForkFailed = 3 };
+    int kind = 0;
+    int value = 0;
+  };
+
+  static bool read_message(int fd, Message* m) {
+    size_t got = 0;
+    char* p = reinterpret_cast<char*>(m);
+    while (got < sizeof *m) {
+      ssize_t n = ::read(fd, p + got, sizeof *m - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      got += static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+  // Blocks until the child has exec'd (the report pipe closes empty) or
+  // failed to (it carries errno).
+  static bool exec_failed(int report_fd) {
+    int e = 0;
+    for (;;) {
+      ssize_t n = ::read(report_fd, &e, sizeof e);
+      if (n < 0 && errno == EINTR) continue;
+      return n > 0;
+    }
+  }
+
+  // Feeds input and collects output until the child is done with its
+  // streams (or has exited) or the time limit passes.
+  static void serve(pid_t pid, Fd& in, Fd& out, Fd& err, const std::string& input, double timeout_seconds,
+                    TaskResult* result) {
+    set_nonblocking(out.get());
+    set_nonblocking(err.get());
+    set_nonblocking(in.get());
+    size_t written = 0;
+    if (input.empty()) in.reset();
+    Fd exited(open_pidfd(pid));
+    bool limited = timeout_seconds > 0 && std::isfinite(timeout_seconds);
+    double deadline = limited ? monotonic_now() + timeout_seconds : 0;
+
+    for (;;) {
+      bool streams_open = out.valid() || err.valid();
+      if (!streams_open && !limited) return;  // waitpid does the rest
+      int wait_ms = -1;
+      if (limited) {
+        double left = deadline - monotonic_now();
+        if (left <= 0) {
+          result->timed_out = true;
+          return;
+        }
+        wait_ms = static_cast<int>(std::min(left * 1000.0 + 1, 1e9));
+      }
+      struct pollfd fds[4];
+      int n = 0;
+      int out_at = -1, err_at = -1, in_at = -1, exit_at = -1;
+      if (out.valid()) fds[out_at = n++] = {out.get(), POLLIN, 0};
+      if (err.valid()) fds[err_at = n++] = {err.get(), POLLIN, 0};
+      if (in.valid()) fds[in_at = n++] = {in.get(), POLLOUT, 0};
+      if (exited.valid()) fds[exit_at = n++] = {exited.get(), POLLIN, 0};
+      if (!streams_open && !exited.valid()) {
+        // Streams closed but the tool is still running and no process
+        // descriptor to wait on: check back shortly.
+        if (child_has_exited(pid)) return;
+        wait_ms = wait_ms < 0 ? 10 : std::min(wait_ms, 10);
+      }
+      int ready = ::poll(fds, static_cast<nfds_t>(n), wait_ms);
+      if (ready < 0) {
+        if (errno == EINTR) continue;
+        return;
+      }
+      if (out_at >= 0 && fds[out_at].revents) drain(out, result->out);
+      if (err_at >= 0 && fds[err_at].revents) drain(err, result->err);
+      if (in_at >= 0 && fds[in_at].revents) {
+        if (fds[in_at].revents & (POLLERR | POLLHUP)) {
+          in.reset();
+        } else {
+          ssize_t w = write_without_sigpipe(in.get(), input.data() + written, input.size() - written);
+          if (w > 0) written += static_cast<size_t>(w);
+          else if (w < 0 && errno != EAGAIN && errno != EINTR) in.reset();
+          if (written == input.size()) in.reset();  // end of file for the tool
+        }
+      }
+      if (exit_at >= 0 && fds[exit_at].revents) {
+        // Everything the tool wrote is in the pipes by now; what a
+        // grandchild writes later is not the tool's output.
+        drain(out, result->out);
+        drain(err, result->err);
+        return;
+      }
+    }
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Tasks> make_process_tasks() { return std::make_unique<ProcessTasks>(); }
+
+}  // namespace platform
