@@ -19,15 +19,7 @@ ErrorName reboot_post_swupdate(const Dict&, ReplySlot&, Dict*) { return nullptr;
 void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
 
-// Settings
-ErrorName read_settings(const Dict*, ReplySlot&, Dict*) { return nullptr; }
-ErrorName write_settings(const Dict&, ReplySlot&, Dict*) { return nullptr; }
-
 // Access control and services
-ErrorName read_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; }
-ErrorName write_service_config(const Dict*, ReplySlot&, Dict*) { return nullptr; }
-std::optional<Dict> build_services_dict(bool, bool, Dict*) { return std::nullopt; }
-ErrorName mark_running_services_configured(Dict*, const Value*) { return nullptr; }
 void register_services_with_zeroconf(bool, Dict*) {}
 void register_server_waiting_for_setup_with_zeroconf(Dict*) {}
 

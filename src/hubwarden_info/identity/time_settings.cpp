@@ -1,0 +1,162 @@
+// Clock, time server and time zone getters, and setting the clock.
+#include "identity/time_settings.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <string_view>
+
+#include "platform/clock.h"
+#include "platform/file_util.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
+#include "platform/service_manager.h"
+
+namespace hubwarden {
+
+namespace {
+
+constexpr const char* kNtpJob = "/System/Library/LaunchDaemons/org.ntp.ntpd.plist";
+constexpr const char* kNtpConfPath = "/etc/ntp.conf";
+constexpr const char* kTimesyncdConfPath = "/etc/systemd/timesyncd.conf";
+constexpr const char* kLocaltimePath = "/etc/localtime";
+constexpr const char* kTimezonePath = "/etc/timezone";
+// The server name is read into a 512-byte buffer, terminator included.
+constexpr size_t kMaxServerName = 511;
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && (is_blank(s.front()) || s.front() == '\r')) s.remove_prefix(1);
+  while (!s.empty() && (is_blank(s.back()) || s.back() == '\r')) s.remove_suffix(1);
+  return s;
+}
+
+std::string_view first_word(std::string_view s) {
+  s = trim(s);
+  size_t end = 0;
+  while (end < s.size() && !is_blank(s[end])) ++end;
+  return s.substr(0, std::min(end, kMaxServerName));
+}
+
+// Calls visit on each line of text until it returns true.
+template <typename Visit>
+void for_each_line(std::string_view text, Visit visit) {
+  while (!text.empty()) {
+    size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    if (visit(line)) return;
+    if (end == std::string_view::npos) return;
+    text.remove_prefix(end + 1);
+  }
+}
+
+// The word after the first "server" keyword of an NTP configuration.
+std::optional<std::string> ntp_conf_server(const std::string& text) {
+  std::optional<std::string> found;
+  for_each_line(text, [&](std::string_view line) {
+    line = trim(line);
+    constexpr std::string_view kKeyword = "server";
+    if (line.substr(0, kKeyword.size()) != kKeyword) return false;
+    if (line.size() > kKeyword.size() && !is_blank(line[kKeyword.size()])) return false;  // "servers", ...
+    std::string_view name = first_word(line.substr(kKeyword.size()));
+    if (!name.empty()) found = std::string(name);
+    return true;
+  });
+  return found;
+}
+
+// The first name of the NTP= setting of systemd's time-sync configuration.
+std::optional<std::string> timesyncd_server(const std::string& text) {
+  std::optional<std::string> found;
+  for_each_line(text, [&](std::string_view line) {
+    line = trim(line);
+    constexpr std::string_view kKey = "NTP=";
+    if (line.substr(0, kKey.size()) != kKey) return false;
+    std::string_view name = first_word(line.substr(kKey.size()));
+    if (!name.empty()) found = std::string(name);
+    return true;
+  });
+  return found;
+}
+
+// The zone a /etc/localtime link points at: the part of its target below
+// "zoneinfo/", without the "posix/" variant directory.
+std::string zone_of_link_target(std::string_view target) {
+  constexpr std::string_view kZoneinfo = "zoneinfo/";
+  size_t at = target.find(kZoneinfo);
+  if (at == std::string_view::npos) return "";
+  std::string_view zone = target.substr(at + kZoneinfo.size());
+  constexpr std::string_view kPosix = "posix/";
+  if (zone.substr(0, kPosix.size()) == kPosix) zone.remove_prefix(kPosix.size());
+  return std::string(zone);
+}
+
+}  // namespace
+
+plist::Value get_time() {
+  double now = platform::has<platform::Clock>() ? platform::get<platform::Clock>().now()
+                                                : static_cast<double>(std::time(nullptr));
+  if (!(now > 0)) return plist::Value(uint64_t{0});  // also NaN
+  if (now >= 18446744073709551615.0) return plist::Value(std::numeric_limits<uint64_t>::max());
+  return plist::Value(static_cast<uint64_t>(std::floor(now)));
+}
+
+int set_time(uint64_t seconds) {
+  int result = platform::has<platform::Clock>()
+                   ? platform::get<platform::Clock>().set_time(static_cast<double>(seconds))
+                   : -1;
+  if (result != 0) {
+    platform::log_notice("hubwarden_info: [" + std::to_string(::getpid()) + "] settimeofday failed with " +
+                         std::to_string(result));
+    return kSetTimeFailed;
+  }
+  // Clocks on the desktop notice a stepped system clock by themselves
+  // (timers cancelled on a clock change), so there is nobody to tell here.
+  return 0;
+}
+
+bool get_ntp_sync_state() {
+  return platform::has<platform::ServiceManager>() && platform::get<platform::ServiceManager>().job_enabled(kNtpJob);
+}
+
+bool get_ntp_server_state() { return get_ntp_sync_state(); }
+
+std::optional<std::string> get_ntp_server_name() {
+  if (std::optional<std::string> text = platform::read_file(platform::resolve(kNtpConfPath))) {
+    if (std::optional<std::string> name = ntp_conf_server(*text)) return name;
+  }
+  if (std::optional<std::string> text = platform::read_file(platform::resolve(kTimesyncdConfPath))) {
+    return timesyncd_server(*text);
+  }
+  return std::nullopt;
+}
+
+plist::Value get_city_record() {
+  // No city has been selected through this server, so there is no
+  // selection to report.
+  platform::log_error("Neither Granite nor Basalt city information was found, can't determine time zone");
+  return plist::Value(0);
+}
+
+std::string get_time_zone_name() {
+  // The link is what the C library reads and what a zone change rewrites;
+  // /etc/timezone is only a copy that can lag behind it.
+  char target[4096];
+  ssize_t n = ::readlink(platform::resolve(kLocaltimePath).c_str(), target, sizeof(target) - 1);
+  if (n > 0) {
+    std::string zone = zone_of_link_target(std::string_view(target, static_cast<size_t>(n)));
+    if (!zone.empty()) return zone;
+  }
+  if (std::optional<std::string> text = platform::read_file(platform::resolve(kTimezonePath))) {
+    std::string_view line(*text);
+    line = trim(line.substr(0, line.find('\n')));
+    return std::string(line);
+  }
+  return "";
+}
+
+}  // namespace hubwarden
