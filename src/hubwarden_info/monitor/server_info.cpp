@@ -8,6 +8,7 @@
 
 #include "access/connected_users.h"
 #include "access/identity_certificates.h"
+#include "access/tiered_admin.h"
 #include "monitor/meters.h"
 #include "plist/codec.h"
 #include "request/cached_state.h"
@@ -15,12 +16,10 @@
 
 namespace hubwarden {
 
-// Provided by the access subsystem, which has not landed yet: weak, so that
-// absent providers leave their keys out of the report. Replace with
-// access/service_config.h and access/tiered_admin.h when they exist; a weak
-// reference alone does not pull a definition out of a static library.
+// Provided by the service configuration, which has not landed yet: weak, so
+// that an absent provider leaves its key out of the report. A weak reference
+// alone does not pull a definition out of a static library.
 std::optional<Array> available_services() __attribute__((weak));
-ErrorName get_tiered_admin_summary(const Dict* request, ReplySlot& result, Dict* context) __attribute__((weak));
 
 namespace {
 
@@ -144,11 +143,9 @@ ErrorName get_server_info(ReplySlot& reply, const Value* variant, bool, Dict* co
   if (available_services)
     if (std::optional<Array> services = available_services()) put("availableServices", std::move(*services));
 
-  if (get_tiered_admin_summary) {
-    ReplySlot summary;
-    get_tiered_admin_summary(nullptr, summary, context);
-    if (summary) put("tieredAdminSummary", std::move(*summary));
-  }
+  ReplySlot summary;
+  get_tiered_admin_summary(nullptr, summary, context);
+  if (summary) put("tieredAdminSummary", std::move(*summary));
 
   std::optional<Value> average;
   Array per_processor;
