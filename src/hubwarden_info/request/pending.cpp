@@ -6,8 +6,6 @@
 namespace hubwarden {
 
 // Monitoring
-ErrorName kill_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
-ErrorName list_processes(const Dict&, ReplySlot&, Dict*) { return nullptr; }
 
 // Software update
 ErrorName get_swupdate_status(ReplySlot&, Dict*) { return nullptr; }

@@ -1,0 +1,45 @@
+// In-memory process table.
+#include "platform/fake/fake_process_table.h"
+
+#include <utility>
+
+namespace platform {
+
+ProcessFacts& FakeProcessTable::add(uint32_t pid, std::string command, uint64_t cpu_microseconds) {
+  ProcessFacts& f = processes[pid];
+  f = ProcessFacts{};
+  f.pid = pid;
+  f.ppid = 1;
+  f.pgid = pid;
+  f.state = ProcessState::Sleeping;
+  f.command = std::move(command);
+  f.threads = 1;
+  f.cpu_microseconds = cpu_microseconds;
+  return f;
+}
+
+int FakeProcessTable::list(std::vector<ProcessFacts>* out) {
+  ++lists;
+  out->clear();
+  if (list_error) return list_error;
+  for (const auto& [pid, facts] : processes) out->push_back(facts);
+  return 0;
+}
+
+bool FakeProcessTable::regions(uint32_t pid, ProcessRegions* out) {
+  ++region_reads;
+  auto it = process_regions.find(pid);
+  if (it == process_regions.end()) {
+    *out = ProcessRegions{};
+    return false;
+  }
+  *out = it->second;
+  return true;
+}
+
+int FakeProcessTable::host_load(HostLoad* out) {
+  *out = load;
+  return load_error;
+}
+
+}  // namespace platform

@@ -1,0 +1,32 @@
+// An in-memory process table for tests: the processes, their region
+// figures and the host load are whatever the test puts in. Not thread-safe;
+// tests drive it from one thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/process_table.h"
+
+namespace platform {
+
+class FakeProcessTable : public ProcessTable {
+ public:
+  std::map<uint32_t, ProcessFacts> processes;       // by pid
+  std::map<uint32_t, ProcessRegions> process_regions;  // absent: unreadable
+  HostLoad load;
+  int list_error = 0;  // returned, with no processes, when non-zero
+  int load_error = 0;
+  int lists = 0;
+  int region_reads = 0;
+
+  // Adds (or replaces) a process with the given identity and CPU time.
+  ProcessFacts& add(uint32_t pid, std::string command, uint64_t cpu_microseconds = 0);
+
+  int list(std::vector<ProcessFacts>* out) override;
+  bool regions(uint32_t pid, ProcessRegions* out) override;
+  int host_load(HostLoad* out) override;
+};
+
+}  // namespace platform
