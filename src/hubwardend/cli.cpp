@@ -74,8 +74,8 @@ std::optional<std::string> parse_arguments(const std::vector<std::string>& args,
       options->user = value;
   }
   size_t max_operands = 1, min_operands = options->command == "request" ? 0 : 1;
-  if (options->operands.size() < min_operands) return options->command + " needs " +
-                                                      (options->command == "idle" ? "a pass" : "a script file");
+  if (options->operands.size() < min_operands)
+    return options->command + " needs " + (options->command == "idle" ? "a pass" : "a script file");
   if (options->operands.size() > max_operands) return "too many arguments";
   return std::nullopt;
 }
@@ -153,8 +153,7 @@ bool run_step(const plist::Value& step, HostModuleManager& modules, const std::s
     result->set("result", modules.process_idle(pass, default_user));
     return true;
   }
-  if (request && !idle && request->as_dict() && (!user || user->as_string()) &&
-      dict->size() == (user ? 2u : 1u)) {
+  if (request && !idle && request->as_dict() && (!user || user->as_string()) && dict->size() == (user ? 2u : 1u)) {
     std::optional<plist::Dict> reply =
         modules.process_request(*request->as_dict(), user ? *user->as_string() : default_user);
     if (reply) result->set("reply", std::move(*reply));

@@ -80,8 +80,7 @@ TEST_F(CliTest, UnusableInputRunsNothingAndTouchesNoFile) {
 
   // A context path that names a directory is refused before anything runs.
   ASSERT_TRUE(platform::make_directories(dir_ + "/ctxdir"));
-  EXPECT_EQ(run({"request", "--root", dir_, "--context", dir_ + "/ctxdir"}, "{command = getState;}"),
-            kExitUnusable);
+  EXPECT_EQ(run({"request", "--root", dir_, "--context", dir_ + "/ctxdir"}, "{command = getState;}"), kExitUnusable);
 
   EXPECT_FALSE(platform::file_exists(context));
   EXPECT_TRUE(out_.str().empty());

@@ -15,10 +15,10 @@ namespace hubwardend {
 
 struct LoadedContext {
   enum class Status {
-    kLoaded,       // the file held a dictionary
-    kAbsent,       // no file: empty context
-    kCorrupt,      // moved aside to moved_to: empty context
-    kUnreadable,   // exists but cannot be read (or moved aside): unusable
+    kLoaded,      // the file held a dictionary
+    kAbsent,      // no file: empty context
+    kCorrupt,     // moved aside to moved_to: empty context
+    kUnreadable,  // exists but cannot be read (or moved aside): unusable
   };
   Status status = Status::kAbsent;
   plist::Dict context;

@@ -48,8 +48,7 @@ class HostModuleManager : public platform::ModuleManager {
  public:
   // context (not owned) is the module context every call gets; it must
   // outlive the manager's use. lock_timeout bounds get_and_lock_context.
-  explicit HostModuleManager(plist::Dict* context,
-                             std::chrono::milliseconds lock_timeout = std::chrono::seconds(30));
+  explicit HostModuleManager(plist::Dict* context, std::chrono::milliseconds lock_timeout = std::chrono::seconds(30));
   HostModuleManager(const HostModuleManager&) = delete;
   HostModuleManager& operator=(const HostModuleManager&) = delete;
 
@@ -83,7 +82,7 @@ class HostModuleManager : public platform::ModuleManager {
 
   std::mutex mu_;
   std::vector<std::unique_ptr<ServiceModule>> modules_;  // guarded by mu_
-  bool dirty_ = false;                                  // guarded by mu_
+  bool dirty_ = false;                                   // guarded by mu_
 };
 
 }  // namespace hubwardend

@@ -193,7 +193,7 @@ std::vector<std::string> LinuxNetwork::host_names_for_address(const std::optiona
       char host[256] = {};
       if (gethostname(host, sizeof host - 1) != 0 || host[0] == '\0') return names;
       names.push_back(host);
-      struct addrinfo hints{};
+      struct addrinfo hints {};
       hints.ai_family = AF_UNSPEC;
       hints.ai_flags = AI_CANONNAME;
       struct addrinfo* result = nullptr;

@@ -35,9 +35,7 @@ std::string running_user_name() {
   return std::to_string(uid);
 }
 
-std::string HostRequester::user_for(const plist::Dict*) {
-  return tCurrentUser ? *tCurrentUser : default_user_;
-}
+std::string HostRequester::user_for(const plist::Dict*) { return tCurrentUser ? *tCurrentUser : default_user_; }
 
 ScopedUser::ScopedUser(const std::string& user) : user_(user), previous_(tCurrentUser) { tCurrentUser = &user_; }
 

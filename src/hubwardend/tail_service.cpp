@@ -111,7 +111,8 @@ ErrorName FileTailService::tail(const std::string& identifier, const plist::Dict
   std::string bytes(static_cast<size_t>(length), '\0');
   size_t got = 0;
   while (got < bytes.size()) {
-    ssize_t n = ::pread(fd, bytes.data() + got, bytes.size() - got, static_cast<off_t>(start) + static_cast<off_t>(got));
+    ssize_t n =
+        ::pread(fd, bytes.data() + got, bytes.size() - got, static_cast<off_t>(start) + static_cast<off_t>(got));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;  // the file shrank under us, or a read error: keep what we have
     got += static_cast<size_t>(n);

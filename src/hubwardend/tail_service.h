@@ -33,8 +33,8 @@ class FileTailService : public platform::TailService {
   // is the table's path (as the client knows it, without the root), *offset
   // and *amount the integers actually used and *contents the text read.
   ErrorName tail(const std::string& identifier, const plist::Dict& log_paths, std::optional<std::string>* path,
-                 plist::Value* offset, plist::Value* amount, std::optional<std::string>* contents,
-                 plist::Dict* context, const plist::Dict& request) override;
+                 plist::Value* offset, plist::Value* amount, std::optional<std::string>* contents, plist::Dict* context,
+                 const plist::Dict& request) override;
 };
 
 }  // namespace hubwardend

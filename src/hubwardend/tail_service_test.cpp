@@ -96,12 +96,12 @@ TEST_F(TailServiceTest, OffsetsAndAmountsAreClampedToTheFile) {
   const int64_t least = std::numeric_limits<int64_t>::min();
   const Case cases[] = {
       {2, 3, 2, 3, "234"},
-      {-4, 100, 6, 4, "6789"},        // from the end, like tail -c
-      {-100, 3, 0, 3, "012"},         // further back than the start
-      {100, 5, 10, 0, ""},            // beyond the end
+      {-4, 100, 6, 4, "6789"},  // from the end, like tail -c
+      {-100, 3, 0, 3, "012"},   // further back than the start
+      {100, 5, 10, 0, ""},      // beyond the end
       {10, 5, 10, 0, ""},
-      {3, -5, 3, 0, ""},              // a negative amount reads nothing
-      {2.9, 3.7, 2, 3, "234"},        // reals are truncated
+      {3, -5, 3, 0, ""},        // a negative amount reads nothing
+      {2.9, 3.7, 2, 3, "234"},  // reals are truncated
       {-2.5, 1.0, 8, 1, "8"},
       {plist::Value(uint64_t{18446744073709551615u}), 1, 10, 0, ""},  // saturates, never wraps to -1
       {least, 2, 0, 2, "01"},
@@ -142,10 +142,10 @@ TEST_F(TailServiceTest, InvalidUtf8IsReplacedNotDropped) {
 
   const std::string fffd = "\xEF\xBF\xBD";
   EXPECT_EQ(decode_utf8_lossy("plain \xF0\x9F\x98\x80 \xE2\x82\xAC"), "plain \xF0\x9F\x98\x80 \xE2\x82\xAC");
-  EXPECT_EQ(decode_utf8_lossy("\xC0\x80"), fffd + fffd);                 // overlong
-  EXPECT_EQ(decode_utf8_lossy("\xED\xA0\x80"), fffd + fffd + fffd);      // surrogate
+  EXPECT_EQ(decode_utf8_lossy("\xC0\x80"), fffd + fffd);                        // overlong
+  EXPECT_EQ(decode_utf8_lossy("\xED\xA0\x80"), fffd + fffd + fffd);             // surrogate
   EXPECT_EQ(decode_utf8_lossy("\xF4\x90\x80\x80"), fffd + fffd + fffd + fffd);  // beyond U+10FFFF
-  EXPECT_EQ(decode_utf8_lossy("a\xE2\x82"), "a" + fffd);                 // truncated at the end
+  EXPECT_EQ(decode_utf8_lossy("a\xE2\x82"), "a" + fffd);                        // truncated at the end
   EXPECT_EQ(decode_utf8_lossy("\xE2\x82x"), fffd + "x");
   EXPECT_EQ(decode_utf8_lossy(std::string("a\0b", 3)), std::string("a\0b", 3));
 }
