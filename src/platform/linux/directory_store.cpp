@@ -94,7 +94,7 @@ struct NssGroup {
   std::vector<std::string> members;
 };
 
-std::optional<NssUser> nss_user(const std::string& name) {
+bool nss_user(const std::string& name, NssUser* user) {
   std::vector<char> buf(4096);
   for (;;) {
     struct passwd pw;
@@ -104,8 +104,9 @@ std::optional<NssUser> nss_user(const std::string& name) {
       buf.resize(buf.size() * 2);
       continue;
     }
-    if (rc != 0 || !found) return std::nullopt;
-    return NssUser{pw.pw_uid, pw.pw_gid};
+    if (rc != 0 || !found) return false;
+    *user = NssUser{pw.pw_uid, pw.pw_gid};
+    return true;
   }
 }
 
@@ -278,8 +279,9 @@ class DirectoryStore : public Directory {
       return std::nullopt;
     }
     LoadedRecord stored = load("users", name);
-    std::optional<NssUser> system = real_root() ? nss_user(name) : std::nullopt;
-    if (stored.state != RecordState::Ok && !system) return std::nullopt;
+    NssUser system;
+    bool in_system = real_root() && nss_user(name, &system);
+    if (stored.state != RecordState::Ok && !in_system) return std::nullopt;
     UserRecord user;
     user.name = name;
     if (stored.record) {
@@ -288,9 +290,9 @@ class DirectoryStore : public Directory {
       user.uid = attribute_number(*stored.record, kUniqueID);
       user.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
     }
-    if (system) {
-      if (!user.uid) user.uid = system->uid;
-      if (!user.primary_gid) user.primary_gid = system->gid;
+    if (in_system) {
+      if (!user.uid) user.uid = system.uid;
+      if (!user.primary_gid) user.primary_gid = system.gid;
     }
     return user;
   }
@@ -500,8 +502,9 @@ class DirectoryStore : public Directory {
 
   std::optional<Member> member_facts(const std::string& user) {
     LoadedRecord stored = load("users", user);
-    std::optional<NssUser> system = real_root() ? nss_user(user) : std::nullopt;
-    if (stored.state != RecordState::Ok && !system) return std::nullopt;
+    NssUser system;
+    bool in_system = real_root() && nss_user(user, &system);
+    if (stored.state != RecordState::Ok && !in_system) return std::nullopt;
     Member m;
     m.name = user;
     if (stored.record) {
@@ -509,9 +512,9 @@ class DirectoryStore : public Directory {
       if (!guid.empty()) m.guid = guid.front();
       m.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
     }
-    if (system) {
-      if (!m.primary_gid) m.primary_gid = system->gid;
-      m.system_gids = nss_group_ids_of(user, system->gid);
+    if (in_system) {
+      if (!m.primary_gid) m.primary_gid = system.gid;
+      m.system_gids = nss_group_ids_of(user, system.gid);
     }
     return m;
   }
