@@ -1,0 +1,368 @@
+#include "monitor/process_list.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "monitor/monitor_test_support.h"
+#include "platform/fake/fake_process_table.h"
+#include "platform/linux/proc_process_table.h"
+#include "platform/log.h"
+#include "request/operations.h"
+
+namespace hubwarden {
+namespace {
+
+using testing::Installed;
+using testing::ManualClock;
+
+// Concurrent requests log from several threads at once.
+class RecordingLog : public platform::Log {
+ public:
+  std::vector<std::pair<platform::Priority, std::string>> lines;
+  void write(platform::Priority priority, std::string_view line) override {
+    std::lock_guard<std::mutex> lock(mu_);
+    lines.emplace_back(priority, line);
+  }
+
+ private:
+  std::mutex mu_;
+};
+
+class ProcessListTest : public ::testing::Test {
+ protected:
+  ProcessListTest() : table_slot_(&table_), clock_slot_(&clock_), log_slot_(&log_) {
+    set_process_sample_pause_for_testing([this] {
+      clock_.time += 1;
+      if (between_samples_) between_samples_();
+    });
+  }
+  ~ProcessListTest() override {
+    set_process_sample_pause_for_testing(nullptr);
+    set_signal_sender_for_testing(nullptr);
+  }
+
+  // Runs "listProcesses"; on success returns the rows.
+  std::pair<ErrorName, Array> list(Dict request) {
+    ReplySlot reply;
+    ErrorName error = list_processes(request, reply, &context_);
+    if (error) return {error, {}};
+    EXPECT_TRUE(reply.has_value());
+    EXPECT_EQ(reply->size(), 1u);
+    const Array* rows = reply->find_array("processInfo");
+    EXPECT_NE(rows, nullptr);
+    return {nullptr, rows ? *rows : Array{}};
+  }
+
+  static std::vector<uint64_t> column(const Array& rows, const char* field) {
+    std::vector<uint64_t> out;
+    for (const Value& row : rows) out.push_back(row.as_dict()->find(field)->to_uint64().value_or(0));
+    return out;
+  }
+
+  platform::FakeProcessTable table_;
+  ManualClock clock_;
+  RecordingLog log_;
+  Installed<platform::ProcessTable> table_slot_;
+  Installed<platform::Clock> clock_slot_;
+  Installed<platform::Log> log_slot_;
+  std::function<void()> between_samples_;
+  Dict context_;
+};
+
+TEST_F(ProcessListTest, RequestChecksInOrderAndTheirLogLines) {
+  table_.add(2, "p");
+  struct Case {
+    Dict request;
+    ErrorName error;
+    const char* logged;
+  };
+  const char* kField = "hubwarden_info: Failed error check: Specified an invalid unknown field to return.";
+  const char* kKey = "hubwarden_info: Failed error check: Specified an invalid sort key.";
+  const char* kDirection = "hubwarden_info: Failed error check: Specified an invalid sort direction.";
+  Case cases[] = {
+      {Dict{{"fieldsToReturn", Array{"PID", "UID"}}}, kUnknownFieldsToReturnErr, kField},
+      {Dict{{"fieldsToReturn", Array{"PPID"}}}, kUnknownFieldsToReturnErr, kField},
+      {Dict{{"fieldsToReturn", Array{"PID", 3}}}, kUnknownFieldsToReturnErr, kField},
+      {Dict{{"fieldsToReturn", "PID"}}, kUnknownFieldsToReturnErr, kField},
+      {Dict{{"fieldsToReturn", Array{"pid"}}, {"primarySortKey", "Bogus"}, {"primarySortDirection", "x"}},
+       kUnknownFieldsToReturnErr, kField},
+      {Dict{{"primarySortKey", "UID"}}, kUnknownSortKeyErr, kKey},
+      {Dict{{"secondarySortKey", "PGID"}, {"primarySortDirection", "up"}}, kUnknownSortKeyErr, kKey},
+      {Dict{{"primarySortKey", 1}}, kUnknownSortKeyErr, kKey},
+      {Dict{{"primarySortDirection", "asc"}}, kMalformedSortDirectionErr, kDirection},
+      {Dict{{"secondarySortDirection", "DESC "}}, kMalformedSortDirectionErr, kDirection},
+      {Dict{{"secondarySortDirection", Value()}}, kMalformedSortDirectionErr, kDirection},
+  };
+  for (Case& c : cases) {
+    log_.lines.clear();
+    auto [error, rows] = list(c.request);
+    EXPECT_TRUE(same_error(error, c.error)) << c.logged << " got " << (error ? error : "nullptr");
+    ASSERT_EQ(log_.lines.size(), 2u);
+    EXPECT_EQ(log_.lines[0].first, platform::Priority::Notice);
+    EXPECT_EQ(log_.lines[0].second, "hubwarden_info: Got headers");
+    EXPECT_EQ(log_.lines[1].first, platform::Priority::Error);
+    EXPECT_EQ(log_.lines[1].second, c.logged);
+  }
+  EXPECT_EQ(table_.lists, 0);  // nothing is sampled for a refused request
+}
+
+TEST_F(ProcessListTest, AcceptedFieldsWithoutOutputAndLimits) {
+  for (uint32_t pid = 2; pid <= 9; ++pid) table_.add(pid, "p" + std::to_string(pid));
+
+  auto [error, rows] = list(Dict{{"fieldsToReturn", Array{"UIDPPID", "Username", "GID"}}});
+  ASSERT_EQ(error, nullptr);
+  ASSERT_EQ(rows.size(), 8u);
+  for (const Value& row : rows) EXPECT_TRUE(row.as_dict()->empty());
+  EXPECT_EQ(table_.lists, 2);  // two samples per request
+
+  EXPECT_EQ(list(Dict{}).second.size(), 8u);  // no fields: empty rows
+  EXPECT_TRUE(list(Dict{}).second[0].as_dict()->empty());
+
+  const std::pair<Value, size_t> limits[] = {
+      {Value(0), 8},         {Value(-3), 8},          {Value(5), 5},         {Value(1), 1},
+      {Value(2.9), 2},       {Value(0.5), 8},         {Value(1e300), 8},     {Value(-1e300), 8},
+      {Value(int64_t{1} << 40), 8}, {Value(uint64_t{18446744073709551615u}), 8}, {Value("5"), 8},
+      {Value(true), 1},
+  };
+  for (const auto& [limit, expected] : limits) {
+    auto [e, limited] = list(Dict{{"limit", limit}, {"fieldsToReturn", Array{"PID"}}});
+    ASSERT_EQ(e, nullptr);
+    EXPECT_EQ(limited.size(), expected);
+  }
+}
+
+TEST_F(ProcessListTest, SortOrdersAndTieBreakByPid) {
+  // pid, command, pgid, CPU time at both samples (µs).
+  table_.add(7, "beta", 0).pgid = 3;
+  table_.add(3, "alpha", 0).pgid = 9;
+  table_.add(12, "beta", 0).pgid = 1;
+  table_.add(5, "beta", 0).pgid = 3;
+  table_.add(9, "alpha", 0).pgid = 2;
+  between_samples_ = [this] {
+    table_.processes[7].cpu_microseconds = 300;
+    table_.processes[3].cpu_microseconds = 300;
+    table_.processes[12].cpu_microseconds = 900;
+  };
+  auto pids = [this](Dict request) {
+    request.set("fieldsToReturn", Array{"PID"});
+    auto [error, rows] = list(std::move(request));
+    EXPECT_EQ(error, nullptr);
+    return column(rows, "PID");
+  };
+  using V = std::vector<uint64_t>;
+  // Defaults: CPU usage descending, then command ascending, then pid.
+  EXPECT_EQ(pids(Dict{}), (V{12, 3, 7, 9, 5}));
+  // Username compares equal: the secondary key decides, ties by pid.
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "Username"}}), (V{3, 9, 5, 7, 12}));
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "Username"}, {"secondarySortDirection", "DESC"}}), (V{5, 7, 12, 3, 9}));
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "UIDPPID"}, {"secondarySortKey", "UIDPPID"}}), (V{3, 5, 7, 9, 12}));
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "PID"}}), (V{12, 9, 7, 5, 3}));
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "GID"}, {"primarySortDirection", "ASC"}}), (V{12, 9, 5, 7, 3}));
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "TotalMicroSeconds"}, {"primarySortDirection", "ASC"},
+                      {"secondarySortKey", "PID"}, {"secondarySortDirection", "DESC"}}),
+            (V{9, 5, 7, 3, 12}));
+}
+
+TEST_F(ProcessListTest, CpuUsageOverTheInterval) {
+  clock_.time = 1000.75;
+  table_.add(2, "steady", 1900000);
+  table_.add(3, "two-cores", 0);
+  table_.add(4, "exits", 0);
+  table_.add(5, "idle", 5000000);
+  between_samples_ = [this] {
+    clock_.time = 1001.25;  // half a second, across a whole second
+    table_.processes[2].cpu_microseconds = 2100000;  // 0.2 s, with a borrow
+    table_.processes[3].cpu_microseconds = 1000000;
+    table_.processes.erase(4);
+    table_.add(6, "new", 7000000);
+  };
+  auto [error, rows] = list(Dict{{"fieldsToReturn", Array{"PID", "CPUUsage", "TotalSeconds", "TotalMicroSeconds"}}});
+  ASSERT_EQ(error, nullptr);
+  ASSERT_EQ(rows.size(), 4u);
+  std::vector<std::pair<uint64_t, double>> got;
+  for (const Value& row : rows)
+    got.emplace_back(*row.as_dict()->find("PID")->to_uint64(), *row.as_dict()->find("CPUUsage")->as_real());
+  ASSERT_EQ(got.size(), 4u);
+  EXPECT_EQ(got[0].first, 3u);
+  EXPECT_DOUBLE_EQ(got[0].second, 200.0);
+  EXPECT_EQ(got[1].first, 2u);
+  EXPECT_NEAR(got[1].second, 40.0, 1e-9);
+  // New and idle processes both show 0.0; "Command" ascending breaks the tie.
+  EXPECT_EQ(got[2].first, 5u);  // "idle" < "new"
+  EXPECT_EQ(got[3].first, 6u);
+  EXPECT_EQ(got[3].second, 0.0);
+  EXPECT_EQ(*rows[1].as_dict()->find("TotalSeconds")->as_unsigned(), 2u);
+  EXPECT_EQ(*rows[1].as_dict()->find("TotalMicroSeconds")->as_unsigned(), 100000u);
+
+  libtop_pinfo_t p;
+  libtop_tsamp_t t;
+  p.p_seq = 1;
+  p.total_time = {5, 0};
+  p.p_total_time = {4, 0};
+  t.time = t.p_time = {10, 0};
+  EXPECT_EQ(double_from_usage(&p, &t), 0.0);  // no interval to divide by
+}
+
+TEST_F(ProcessListTest, OutputValuesAndTypes) {
+  platform::ProcessFacts& f = table_.add(4000000000u, std::string("bad\xc3", 4), 0);
+  f.uid = 501;
+  f.ppid = 1;
+  f.threads = 7;
+  f.ports = 12;
+  f.resident_bytes = 18446744073709551615u;
+  f.virtual_bytes = 1ull << 40;
+  f.virtual_private_bytes = 8192;
+  f.faults = 5000000000u;
+  f.page_ins = 9;
+  table_.process_regions[4000000000u] = platform::ProcessRegions{4096, 1024};
+  table_.add(2, "caf\xc3\xa9 (x)", 0);
+  const Array fields = {"ResidentSize", "Command", "PID", "Threads", "Ports", "VirtualSize", "Private",
+                        "Shared", "VPrivate", "Faults", "PageIns", "UIDPPID", "Username", "GID"};
+  auto [error, rows] = list(Dict{{"fieldsToReturn", fields}, {"primarySortKey", "PID"}});
+  ASSERT_EQ(error, nullptr);
+  ASSERT_EQ(rows.size(), 2u);
+  // "PID" sorts signed: 4000000000 is negative that way, so it comes last
+  // in descending order.
+  const Dict& big = *rows[1].as_dict();
+  EXPECT_EQ(testing::keys_of(big),
+            (std::vector<std::string>{"ResidentSize", "Command", "PID", "Threads", "Ports", "VirtualSize", "Private",
+                                      "Shared", "VPrivate", "Faults", "PageIns"}));
+  EXPECT_EQ(*big.find_string("Command"), "?");
+  EXPECT_EQ(*big.find("PID")->as_unsigned(), 4000000000u);
+  EXPECT_EQ(*big.find("ResidentSize")->as_unsigned(), 18446744073709551615u);
+  EXPECT_EQ(*big.find("VirtualSize")->as_unsigned(), 1ull << 40);
+  EXPECT_EQ(*big.find("Private")->as_unsigned(), 4096u);
+  EXPECT_EQ(*big.find("Shared")->as_unsigned(), 1024u);
+  EXPECT_EQ(*big.find("VPrivate")->as_unsigned(), 8192u);
+  EXPECT_EQ(*big.find("Faults")->as_unsigned(), 4294967295u);  // held at the 32-bit top
+  EXPECT_EQ(*big.find("PageIns")->as_unsigned(), 9u);
+  EXPECT_EQ(*big.find("Threads")->as_unsigned(), 7u);
+  EXPECT_EQ(*big.find("Ports")->as_unsigned(), 12u);
+  EXPECT_EQ(*rows[0].as_dict()->find_string("Command"), "caf\xc3\xa9 (x)");
+}
+
+TEST_F(ProcessListTest, SamplerFailureGivesAnEmptyTable) {
+  table_.add(2, "p");
+  table_.list_error = EIO;
+  auto [error, rows] = list(Dict{{"fieldsToReturn", Array{"PID"}}});
+  EXPECT_EQ(error, nullptr);
+  EXPECT_TRUE(rows.empty());
+  ASSERT_FALSE(log_.lines.empty());
+  EXPECT_EQ(log_.lines.back().second, "hubwarden_info: libtop_sample(): Error in list(): Input/output error");
+
+  Installed<platform::ProcessTable> none(nullptr);
+  EXPECT_TRUE(list(Dict{}).second.empty());
+}
+
+TEST_F(ProcessListTest, ConcurrentRequestsEachSeeAWholeTable) {
+  for (uint32_t pid = 2; pid < 200; ++pid) table_.add(pid, "p");
+  set_process_sample_pause_for_testing([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+  std::vector<size_t> sizes(4);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < sizes.size(); ++i)
+    threads.emplace_back([&sizes, i] {
+      ReplySlot reply;
+      Dict request{{"fieldsToReturn", Array{"PID"}}};
+      Dict context;
+      if (!list_processes(request, reply, &context) && reply)
+        if (const Array* rows = reply->find_array("processInfo")) sizes[i] = rows->size();
+    });
+  for (std::thread& t : threads) t.join();
+  for (size_t n : sizes) EXPECT_EQ(n, 198u);
+}
+
+TEST_F(ProcessListTest, KillRules) {
+  std::vector<std::pair<pid_t, int>> sent;
+  set_signal_sender_for_testing([&sent](pid_t pid, int signal) {
+    sent.emplace_back(pid, signal);
+    if (pid == 99999) return -1;                       // no such process
+    if (pid == 4242 && signal == SIGTERM) return -1;   // refused the polite way only
+    return 0;
+  });
+  ReplySlot reply;
+  Dict request{{"pids", Array{1, 0, -3, 99999, 4242, 7.9, "12", Array{}, 1e12, true, 7}}};
+  ASSERT_EQ(kill_processes(request, reply, nullptr), nullptr);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(testing::keys_of(*reply), (std::vector<std::string>{"killedAllProcesses", "killResults"}));
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), false);
+  const Dict& results = *reply->find_dict("killResults");
+  EXPECT_EQ(testing::keys_of(results),
+            (std::vector<std::string>{"1", "0", "-3", "99999", "4242", "7", "12", "1000000000000"}));
+  EXPECT_EQ(*results.find_string("1"), "FAILURE");
+  EXPECT_EQ(*results.find_string("0"), "FAILURE");
+  EXPECT_EQ(*results.find_string("-3"), "FAILURE");
+  EXPECT_EQ(*results.find_string("99999"), "FAILURE");
+  EXPECT_EQ(*results.find_string("4242"), "SUCCESS");
+  EXPECT_EQ(*results.find_string("7"), "SUCCESS");
+  EXPECT_EQ(*results.find_string("12"), "FAILURE");
+  EXPECT_EQ(*results.find_string("1000000000000"), "FAILURE");
+  EXPECT_EQ(sent, (std::vector<std::pair<pid_t, int>>{
+                      {99999, SIGTERM}, {99999, SIGKILL}, {4242, SIGTERM}, {4242, SIGKILL}, {7, SIGTERM}, {7, SIGTERM}}));
+
+  sent.clear();
+  reply.reset();
+  ASSERT_EQ(kill_processes(Dict{}, reply, nullptr), nullptr);
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
+  EXPECT_TRUE(reply->find_dict("killResults")->empty());
+  reply.reset();
+  ASSERT_EQ(kill_processes(Dict{{"pids", Array{5, 6}}}, reply, nullptr), nullptr);
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
+  EXPECT_TRUE(sent.size() == 2);
+}
+
+TEST(ProcessKillTest, RealChildEndsBySigterm) {
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    for (;;) ::pause();
+  }
+  ReplySlot reply;
+  ASSERT_EQ(kill_processes(Dict{{"pids", Array{static_cast<int64_t>(child)}}}, reply, nullptr), nullptr);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGTERM);
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
+  EXPECT_EQ(*reply->find_dict("killResults")->find_string(std::to_string(child)), "SUCCESS");
+}
+
+// The whole path on this host's /proc, with a short pause.
+TEST(ProcessListRealTest, ListsThisProcess) {
+  std::unique_ptr<platform::ProcessTable> table = platform::make_proc_process_table();
+  Installed<platform::ProcessTable> slot(table.get());
+  set_process_sample_pause_for_testing([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+  ReplySlot reply;
+  Dict request{{"fieldsToReturn", Array{"PID", "Command", "ResidentSize", "Private", "CPUUsage"}},
+               {"primarySortKey", "PID"},
+               {"primarySortDirection", "ASC"}};
+  ErrorName error = list_processes(request, reply, nullptr);
+  set_process_sample_pause_for_testing(nullptr);
+  ASSERT_EQ(error, nullptr);
+  const Array& rows = *reply->find_array("processInfo");
+  ASSERT_GT(rows.size(), 1u);
+  bool found = false;
+  uint64_t previous = 0;
+  for (const Value& row : rows) {
+    uint64_t pid = *row.as_dict()->find("PID")->as_unsigned();
+    EXPECT_GT(pid, previous);
+    previous = pid;
+    if (pid != static_cast<uint64_t>(getpid())) continue;
+    found = true;
+    EXPECT_GT(*row.as_dict()->find("ResidentSize")->as_unsigned(), 0u);
+    EXPECT_GT(*row.as_dict()->find("Private")->as_unsigned(), 0u);
+    EXPECT_GE(*row.as_dict()->find("CPUUsage")->as_real(), 0.0);
+  }
+  EXPECT_TRUE(found);
+}
+
+}  // namespace
+}  // namespace hubwarden

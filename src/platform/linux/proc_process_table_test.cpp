@@ -1,0 +1,217 @@
+#include "platform/linux/proc_process_table.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "platform/file_util.h"
+
+namespace platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ProcTree {
+ public:
+  ProcTree() {
+    std::string tmpl = (fs::temp_directory_path() / "proc-table-test-XXXXXX").string();
+    dir_ = ::mkdtemp(tmpl.data());
+  }
+  ~ProcTree() {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  const std::string& dir() const { return dir_; }
+  void write(const std::string& relative, const std::string& contents) {
+    ASSERT_TRUE(write_file_atomically(dir_ + "/" + relative, contents));
+  }
+  // A process with a stat line built from its parts, a status with the
+  // given real user, and descriptors fds.
+  void add(int pid, const std::string& comm, char state, int fds = 0, const std::string& uid = "501",
+           const std::string& vm = "VmData:\t     100 kB\nVmStk:\t      28 kB\n") {
+    std::string p = std::to_string(pid);
+    // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt
+    // majflt cmajflt utime stime cutime cstime prio nice threads itreal
+    // start vsize rss ...
+    write(p + "/stat", p + " (" + comm + ") " + state +
+                           " 1 " + p + " 1 0 -1 4194304 4294967300 0 7 0 250 130 0 0 20 0 3 0 9876 "
+                           "10485760 -5 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0\n");
+    write(p + "/status", "Name:\tx\nState:\tS (sleeping)\nUid:\t" + uid + "\t0\t0\t0\nGid:\t20\t20\t20\t20\n" + vm);
+    fs::create_directories(dir_ + "/" + p + "/fd");
+    for (int i = 0; i < fds; ++i) write(p + "/fd/" + std::to_string(i), "");
+  }
+
+ private:
+  std::string dir_;
+};
+
+const ProcessFacts* find(const std::vector<ProcessFacts>& list, uint32_t pid) {
+  auto it = std::find_if(list.begin(), list.end(), [pid](const ProcessFacts& f) { return f.pid == pid; });
+  return it == list.end() ? nullptr : &*it;
+}
+
+TEST(ProcProcessTableTest, ParsesOddCommandNamesAndEveryFigure) {
+  ProcTree t;
+  t.add(10, "a) b", 'S', 3);
+  t.add(11, "two  spaces ", 'R');
+  t.add(12, std::string("bad\xff\xfe", 5), 'D');
+  t.add(13, ")", 'Z', 0, "0", "");
+  t.write("self", "not a process");  // non-numeric entries are ignored
+  auto table = make_proc_process_table(t.dir());
+  std::vector<ProcessFacts> list;
+  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(list.size(), 4u);
+
+  const ProcessFacts* a = find(list, 10);
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(a->command, "a) b");
+  EXPECT_EQ(a->state, ProcessState::Sleeping);
+  EXPECT_EQ(a->ppid, 1u);
+  EXPECT_EQ(a->pgid, 10u);
+  EXPECT_EQ(a->uid, 501u);
+  EXPECT_EQ(a->faults, 4294967300u);  // kept whole beyond 32 bits
+  EXPECT_EQ(a->page_ins, 7u);
+  EXPECT_EQ(a->threads, 3u);
+  EXPECT_EQ(a->start_time, 9876u);
+  EXPECT_EQ(a->virtual_bytes, 10485760u);
+  EXPECT_EQ(a->resident_bytes, 0u);  // a negative rss reads as none
+  EXPECT_EQ(a->virtual_private_bytes, 128u * 1024);
+  EXPECT_EQ(a->ports, 3u);
+  long hz = sysconf(_SC_CLK_TCK);
+  EXPECT_EQ(a->cpu_microseconds, 380u * 1000000 / static_cast<uint64_t>(hz));
+
+  EXPECT_EQ(find(list, 11)->command, "two  spaces ");
+  EXPECT_EQ(find(list, 11)->state, ProcessState::Running);
+  EXPECT_EQ(find(list, 12)->command, std::string("bad\xff\xfe", 5));
+  EXPECT_EQ(find(list, 12)->state, ProcessState::Stuck);
+  const ProcessFacts* z = find(list, 13);
+  EXPECT_EQ(z->command, ")");
+  EXPECT_EQ(z->state, ProcessState::Zombie);
+  EXPECT_EQ(z->uid, 0u);
+  EXPECT_EQ(z->virtual_private_bytes, 0u);  // no Vm lines, as for kernel threads
+}
+
+TEST(ProcProcessTableTest, StateLetters) {
+  ProcTree t;
+  const std::pair<char, ProcessState> letters[] = {
+      {'R', ProcessState::Running}, {'S', ProcessState::Sleeping}, {'D', ProcessState::Stuck},
+      {'T', ProcessState::Stopped}, {'t', ProcessState::Stopped},  {'Z', ProcessState::Zombie},
+      {'I', ProcessState::Idle},    {'X', ProcessState::Halted},   {'x', ProcessState::Halted},
+      {'W', ProcessState::Unknown}, {'P', ProcessState::Unknown},
+  };
+  int pid = 100;
+  for (const auto& [letter, state] : letters) t.add(pid++, "p", letter);
+  auto table = make_proc_process_table(t.dir());
+  std::vector<ProcessFacts> list;
+  ASSERT_EQ(table->list(&list), 0);
+  pid = 100;
+  for (const auto& [letter, state] : letters) {
+    const ProcessFacts* f = find(list, static_cast<uint32_t>(pid++));
+    ASSERT_NE(f, nullptr) << letter;
+    EXPECT_EQ(f->state, state) << letter;
+  }
+}
+
+// A process whose files vanish or read wrong mid-listing drops out of the
+// listing; the others stay.
+TEST(ProcProcessTableTest, DropsProcessesThatCannotBeReadWhole) {
+  ProcTree t;
+  t.add(20, "whole", 'S');
+  t.add(21, "no status", 'S');
+  fs::remove(t.dir() + "/21/status");
+  t.write("22/stat", "22 (gone) S 1 22\n");  // truncated line
+  t.write("22/status", "Uid:\t0\t0\t0\t0\n");
+  t.add(23, "wrong pid", 'S');
+  t.write("23/stat", "24 (wrong pid) S 1 23 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
+  t.add(25, "no uid", 'S');
+  t.write("25/status", "Name:\tx\n");
+  t.add(26, "no paren", 'S');
+  t.write("26/stat", "26 noparen S 1 26 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
+  fs::create_directories(t.dir() + "/27");  // empty: exited before reading
+  t.add(28, "no fd dir", 'S');
+  fs::remove_all(t.dir() + "/28/fd");
+  auto table = make_proc_process_table(t.dir());
+  std::vector<ProcessFacts> list;
+  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_NE(find(list, 20), nullptr);
+  ASSERT_NE(find(list, 28), nullptr);
+  EXPECT_EQ(find(list, 28)->ports, 0u);
+
+  EXPECT_NE(make_proc_process_table(t.dir() + "/missing")->list(&list), 0);
+  EXPECT_TRUE(list.empty());
+}
+
+TEST(ProcProcessTableTest, RegionsAndHostLoad) {
+  ProcTree t;
+  t.add(30, "mapped", 'S');
+  t.write("30/smaps_rollup",
+          "00400000-7ffff000 ---p 00000000 00:00 0 [rollup]\n"
+          "Rss:                1000 kB\nPss:                 600 kB\n"
+          "Shared_Clean:        300 kB\nShared_Dirty:         20 kB\n"
+          "Private_Clean:       100 kB\nPrivate_Dirty:       580 kB\n");
+  t.write("loadavg", "0.50 1.25 2.00 1/123 4567\n");
+  t.write("vmstat", "nr_free_pages 1\npgpgin 9\npswpin 4\npswpout 5\npgfault 77\npgmajfault 3\n");
+  t.write("diskstats",
+          "   7       0 loop0 50 0 50 0 50 0 50 0 0 0 0\n"
+          "   8       0 sda 10 0 100 0 20 0 200 0 0 0 0\n"
+          "   8       1 sda1 9 0 90 0 19 0 190 0 0 0 0\n"
+          " 259       0 nvme0n1 1 0 8 0 2 0 16 0 0 0 0\n"
+          " 259       1 nvme0n1p1 1 0 8 0 2 0 16 0 0 0 0\n"
+          " 253       0 dm-0 5 0 5 0 5 0 5 0 0 0 0\n");
+  auto table = make_proc_process_table(t.dir());
+
+  ProcessRegions r;
+  ASSERT_TRUE(table->regions(30, &r));
+  EXPECT_EQ(r.resident_private, 680u * 1024);
+  EXPECT_EQ(r.resident_shared, 320u * 1024);
+  EXPECT_FALSE(table->regions(31, &r));
+  EXPECT_EQ(r.resident_private, 0u);
+
+  HostLoad load;
+  ASSERT_EQ(table->host_load(&load), 0);
+  EXPECT_DOUBLE_EQ(load.load_average[1], 1.25);
+  EXPECT_EQ(load.faults, 77u);
+  EXPECT_EQ(load.page_ins, 4u);
+  EXPECT_EQ(load.page_outs, 5u);
+  EXPECT_EQ(load.disk_reads, 11u);
+  EXPECT_EQ(load.disk_writes, 22u);
+  EXPECT_EQ(load.disk_bytes_read, 108u * 512);
+  EXPECT_EQ(load.disk_bytes_written, 216u * 512);
+
+  fs::remove(t.dir() + "/vmstat");
+  EXPECT_NE(table->host_load(&load), 0);
+  EXPECT_DOUBLE_EQ(load.load_average[0], 0.5);  // the readable figures still come
+}
+
+TEST(ProcProcessTableTest, RealProcShowsThisProcess) {
+  auto table = make_proc_process_table();
+  std::vector<ProcessFacts> list;
+  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_GT(list.size(), 1u);
+  const ProcessFacts* self = find(list, static_cast<uint32_t>(getpid()));
+  ASSERT_NE(self, nullptr);
+  EXPECT_EQ(self->uid, static_cast<uint32_t>(getuid()));
+  EXPECT_EQ(self->ppid, static_cast<uint32_t>(getppid()));
+  EXPECT_EQ(self->pgid, static_cast<uint32_t>(getpgrp()));
+  EXPECT_EQ(self->state, ProcessState::Running);
+  EXPECT_GE(self->threads, 1u);
+  EXPECT_GE(self->ports, 3u);
+  EXPECT_GT(self->resident_bytes, 0u);
+  EXPECT_GT(self->virtual_bytes, self->resident_bytes);
+  EXPECT_GT(self->virtual_private_bytes, 0u);
+  EXPECT_FALSE(self->command.empty());
+
+  ProcessRegions r;
+  ASSERT_TRUE(table->regions(static_cast<uint32_t>(getpid()), &r));
+  EXPECT_GT(r.resident_private + r.resident_shared, 0u);
+  HostLoad load;
+  EXPECT_EQ(table->host_load(&load), 0);
+}
+
+}  // namespace
+}  // namespace platform
