@@ -2,8 +2,9 @@
 // cpu/online list, clock speeds from cpufreq, memory from meminfo, and the
 // machine's model, maker and serial from the DMI tables. Every file is read
 // under the directories given at construction, so tests can use fixtures.
-// Names that are codes of another platform ("hw.cpufamily",
-// "hw.busfrequency") have no Linux source and stay unreadable.
+// Names with nothing behind them on Linux ("hw.cpufamily" is a processor
+// family code no kernel here reports, "hw.busfrequency" a front-side bus
+// clock PCs no longer expose) stay unreadable.
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>

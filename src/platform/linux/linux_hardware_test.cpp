@@ -112,7 +112,7 @@ TEST_F(HardwareFixture, ReadsProcessorsMemoryAndModel) {
   EXPECT_EQ(hw->sysctl_integer("hw.ncpu"), 4u);
   EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz");
   EXPECT_EQ(hw->sysctl_string("hw.model"), "PowerEdge R630");
-  // Codes of another platform have no source here.
+  // Names with nothing behind them on Linux.
   EXPECT_FALSE(hw->sysctl_integer("hw.cpufamily"));
   EXPECT_FALSE(hw->sysctl_integer("hw.busfrequency"));
   EXPECT_FALSE(hw->sysctl_string("no.such.name"));
