@@ -13,8 +13,7 @@ namespace platform {
 
 class FakeClock : public Clock {
  public:
-  explicit FakeClock(double now = 1700000000.0, std::optional<double> boot = 1699990000.0)
-      : now_(now), boot_(boot) {}
+  explicit FakeClock(double now = 1700000000.0, std::optional<double> boot = 1699990000.0) : now_(now), boot_(boot) {}
 
   double now() override;
   std::optional<double> boot_time() override;

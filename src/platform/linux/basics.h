@@ -31,8 +31,7 @@ std::unique_ptr<HostInfo> make_linux_host_info();
 
 // Hardware facts read from proc_dir and sys_dir, so tests can point them at
 // a sandbox.
-std::unique_ptr<Hardware> make_linux_hardware(std::string proc_dir = "/proc",
-                                              std::string sys_dir = "/sys");
+std::unique_ptr<Hardware> make_linux_hardware(std::string proc_dir = "/proc", std::string sys_dir = "/sys");
 
 // Computer and local host names from /etc/machine-info and /etc/hostname
 // (through platform::resolve).

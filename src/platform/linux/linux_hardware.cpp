@@ -53,7 +53,6 @@ std::optional<uint64_t> count_cpu_list(std::string_view list) {
   return count;
 }
 
-
 class LinuxHardware : public Hardware {
  public:
   LinuxHardware(std::string proc_dir, std::string sys_dir)

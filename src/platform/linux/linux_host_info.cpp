@@ -37,10 +37,14 @@ class LinuxHostInfo : public HostInfo {
     if (!text) return std::nullopt;
     std::optional<std::string> name, version, version_id, build;
     for (auto& [key, value] : linux_text::parse_shell_assignments(*text)) {
-      if (key == "NAME") name = value;
-      else if (key == "VERSION_ID") version_id = value;
-      else if (key == "VERSION") version = value;
-      else if (key == "BUILD_ID") build = value;
+      if (key == "NAME")
+        name = value;
+      else if (key == "VERSION_ID")
+        version_id = value;
+      else if (key == "VERSION")
+        version = value;
+      else if (key == "BUILD_ID")
+        build = value;
     }
     if (!name) return std::nullopt;
     plist::Dict record;

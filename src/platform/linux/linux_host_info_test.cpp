@@ -29,10 +29,15 @@ TEST(ShellAssignmentsTest, QuotingCommentsAndJunk) {
       "=nothing\n"
       "EMPTY=\n"
       "export EXPORTED=yes");
-  std::vector<std::pair<std::string, std::string>> expected = {
-      {"NAME", "Debian GNU/Linux"}, {"ID", "debian"},  {"PRETTY", "It's \"mine\""}, {"ESC", "a \"b\" $c \\d \\n"},
-      {"BARE", "one two"},          {"OPEN", "never closed"}, {"AFTER", "ok"},  {"EMPTY", ""},
-      {"EXPORTED", "yes"}};
+  std::vector<std::pair<std::string, std::string>> expected = {{"NAME", "Debian GNU/Linux"},
+                                                               {"ID", "debian"},
+                                                               {"PRETTY", "It's \"mine\""},
+                                                               {"ESC", "a \"b\" $c \\d \\n"},
+                                                               {"BARE", "one two"},
+                                                               {"OPEN", "never closed"},
+                                                               {"AFTER", "ok"},
+                                                               {"EMPTY", ""},
+                                                               {"EXPORTED", "yes"}};
   EXPECT_EQ(vars, expected);
   EXPECT_EQ(linux_text::shell_variable("A=1\nA=2\n", "A"), "2");
   EXPECT_FALSE(linux_text::shell_variable("AB=1\n", "A"));
@@ -52,7 +57,8 @@ TEST(LinuxHostInfoTest, SystemVersionFromOsRelease) {
   EXPECT_EQ(record->size(), 2u);
 
   root.write("/etc/os-release", "BUILD_ID=2024.05.01\nNAME='Arch Linux'\nVERSION='rolling release'\n");
-  expected = {{"ProductName", "Arch Linux"}, {"ProductVersion", "rolling release"}, {"ProductBuildVersion", "2024.05.01"}};
+  expected = {
+      {"ProductName", "Arch Linux"}, {"ProductVersion", "rolling release"}, {"ProductBuildVersion", "2024.05.01"}};
   EXPECT_EQ(host->system_version(), expected);
 
   root.write("/etc/os-release", "ID=nameless\n");

@@ -203,8 +203,8 @@ class ProcessTasks : public Tasks {
 
     pid_t pid = ::fork();
     if (pid < 0) return result;
-    if (pid == 0) exec_child(path.c_str(), argv.data(), in.read.get(), out.write.get(), err.write.get(),
-                             report.write.get());
+    if (pid == 0)
+      exec_child(path.c_str(), argv.data(), in.read.get(), out.write.get(), err.write.get(), report.write.get());
 
     // The child keeps its own copies; ours would hide end of file.
     in.read.reset();
@@ -274,8 +274,10 @@ class ProcessTasks : public Tasks {
     bool failed = false;
     Message m;
     while (read_message(report.read.get(), &m)) {
-      if (m.kind == Message::kPid) pid = m.value;
-      else failed = true;
+      if (m.kind == Message::kPid)
+        pid = m.value;
+      else
+        failed = true;
     }
     if (failed) return std::nullopt;
     return pid;
@@ -361,8 +363,10 @@ class ProcessTasks : public Tasks {
           in.reset();
         } else {
           ssize_t w = write_without_sigpipe(in.get(), input.data() + written, input.size() - written);
-          if (w > 0) written += static_cast<size_t>(w);
-          else if (w < 0 && errno != EAGAIN && errno != EINTR) in.reset();
+          if (w > 0)
+            written += static_cast<size_t>(w);
+          else if (w < 0 && errno != EAGAIN && errno != EINTR)
+            in.reset();
           if (written == input.size()) in.reset();  // end of file for the tool
         }
       }

@@ -112,10 +112,9 @@ TEST(ProcessTasksTest, DetachedToolOutlivesTheCallInItsOwnSession) {
   ScratchRoot root;
   auto tasks = make_process_tasks();
   std::string out = root.path("/detached");
-  std::optional<int> pid =
-      tasks->spawn_detached("/bin/sh", {"sh", "-c",
-                                        "sleep 0.3; echo $$ $(cut -d' ' -f6 /proc/$$/stat) > " + out +
-                                            ".tmp && mv " + out + ".tmp " + out});
+  std::optional<int> pid = tasks->spawn_detached(
+      "/bin/sh",
+      {"sh", "-c", "sleep 0.3; echo $$ $(cut -d' ' -f6 /proc/$$/stat) > " + out + ".tmp && mv " + out + ".tmp " + out});
   ASSERT_TRUE(pid);
   EXPECT_GT(*pid, 0);
   EXPECT_TRUE(no_children_left());  // neither the tool nor the middle process is ours
