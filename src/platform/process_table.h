@@ -19,11 +19,11 @@ namespace platform {
 enum class ProcessState : uint8_t {
   Zombie = 0,
   Running = 1,
-  Stuck = 2,     // waiting uninterruptibly, usually on a device
+  Stuck = 2,  // waiting uninterruptibly, usually on a device
   Sleeping = 3,
-  Idle = 4,      // an idle kernel thread
-  Stopped = 5,   // stopped by a signal or a tracer
-  Halted = 6,    // dead, being torn down
+  Idle = 4,     // an idle kernel thread
+  Stopped = 5,  // stopped by a signal or a tracer
+  Halted = 6,   // dead, being torn down
   Unknown = 7,
 };
 
@@ -45,8 +45,8 @@ struct ProcessFacts {
   // Private (anonymous data and stack) address space; cheap to know, so
   // every listing carries it.
   uint64_t virtual_private_bytes = 0;
-  uint64_t faults = 0;    // minor page faults
-  uint64_t page_ins = 0;  // faults that had to read from storage
+  uint64_t faults = 0;            // minor page faults
+  uint64_t page_ins = 0;          // faults that had to read from storage
   uint64_t cpu_microseconds = 0;  // user plus system time
 };
 

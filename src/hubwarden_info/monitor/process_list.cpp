@@ -40,9 +40,9 @@ namespace hubwarden {
 namespace {
 
 constexpr const char* kAcceptedFields[] = {
-    "Command",  "PID",         "UIDPPID",      "CPUUsage", "GID",     "Ports",        "Shared",
-    "Threads",  "Private",     "VPrivate",     "VirtualSize", "ResidentSize", "Faults", "PageIns",
-    "TotalSeconds", "TotalMicroSeconds", "Username",
+    "Command", "PID",     "UIDPPID",      "CPUUsage",          "GID",         "Ports",
+    "Shared",  "Threads", "Private",      "VPrivate",          "VirtualSize", "ResidentSize",
+    "Faults",  "PageIns", "TotalSeconds", "TotalMicroSeconds", "Username",
 };
 
 constexpr int64_t kNoLimit = 2147483647;

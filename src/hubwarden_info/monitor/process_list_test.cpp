@@ -128,9 +128,17 @@ TEST_F(ProcessListTest, AcceptedFieldsWithoutOutputAndLimits) {
   EXPECT_TRUE(list(Dict{}).second[0].as_dict()->empty());
 
   const std::pair<Value, size_t> limits[] = {
-      {Value(0), 8},         {Value(-3), 8},          {Value(5), 5},         {Value(1), 1},
-      {Value(2.9), 2},       {Value(0.5), 8},         {Value(1e300), 8},     {Value(-1e300), 8},
-      {Value(int64_t{1} << 40), 8}, {Value(uint64_t{18446744073709551615u}), 8}, {Value("5"), 8},
+      {Value(0), 8},
+      {Value(-3), 8},
+      {Value(5), 5},
+      {Value(1), 1},
+      {Value(2.9), 2},
+      {Value(0.5), 8},
+      {Value(1e300), 8},
+      {Value(-1e300), 8},
+      {Value(int64_t{1} << 40), 8},
+      {Value(uint64_t{18446744073709551615u}), 8},
+      {Value("5"), 8},
       {Value(true), 1},
   };
   for (const auto& [limit, expected] : limits) {
@@ -167,8 +175,10 @@ TEST_F(ProcessListTest, SortOrdersAndTieBreakByPid) {
   EXPECT_EQ(pids(Dict{{"primarySortKey", "UIDPPID"}, {"secondarySortKey", "UIDPPID"}}), (V{3, 5, 7, 9, 12}));
   EXPECT_EQ(pids(Dict{{"primarySortKey", "PID"}}), (V{12, 9, 7, 5, 3}));
   EXPECT_EQ(pids(Dict{{"primarySortKey", "GID"}, {"primarySortDirection", "ASC"}}), (V{12, 9, 5, 7, 3}));
-  EXPECT_EQ(pids(Dict{{"primarySortKey", "TotalMicroSeconds"}, {"primarySortDirection", "ASC"},
-                      {"secondarySortKey", "PID"}, {"secondarySortDirection", "DESC"}}),
+  EXPECT_EQ(pids(Dict{{"primarySortKey", "TotalMicroSeconds"},
+                      {"primarySortDirection", "ASC"},
+                      {"secondarySortKey", "PID"},
+                      {"secondarySortDirection", "DESC"}}),
             (V{9, 5, 7, 3, 12}));
 }
 
@@ -179,7 +189,7 @@ TEST_F(ProcessListTest, CpuUsageOverTheInterval) {
   table_.add(4, "exits", 0);
   table_.add(5, "idle", 5000000);
   between_samples_ = [this] {
-    clock_.time = 1001.25;  // half a second, across a whole second
+    clock_.time = 1001.25;                           // half a second, across a whole second
     table_.processes[2].cpu_microseconds = 2100000;  // 0.2 s, with a borrow
     table_.processes[3].cpu_microseconds = 1000000;
     table_.processes.erase(4);
@@ -225,8 +235,8 @@ TEST_F(ProcessListTest, OutputValuesAndTypes) {
   f.page_ins = 9;
   table_.process_regions[4000000000u] = platform::ProcessRegions{4096, 1024};
   table_.add(2, "caf\xc3\xa9 (x)", 0);
-  const Array fields = {"ResidentSize", "Command", "PID", "Threads", "Ports", "VirtualSize", "Private",
-                        "Shared", "VPrivate", "Faults", "PageIns", "UIDPPID", "Username", "GID"};
+  const Array fields = {"ResidentSize", "Command",  "PID",    "Threads", "Ports",   "VirtualSize", "Private",
+                        "Shared",       "VPrivate", "Faults", "PageIns", "UIDPPID", "Username",    "GID"};
   auto [error, rows] = list(Dict{{"fieldsToReturn", fields}, {"primarySortKey", "PID"}});
   ASSERT_EQ(error, nullptr);
   ASSERT_EQ(rows.size(), 2u);
@@ -284,8 +294,8 @@ TEST_F(ProcessListTest, KillRules) {
   std::vector<std::pair<pid_t, int>> sent;
   set_signal_sender_for_testing([&sent](pid_t pid, int signal) {
     sent.emplace_back(pid, signal);
-    if (pid == 99999) return -1;                       // no such process
-    if (pid == 4242 && signal == SIGTERM) return -1;   // refused the polite way only
+    if (pid == 99999) return -1;                      // no such process
+    if (pid == 4242 && signal == SIGTERM) return -1;  // refused the polite way only
     return 0;
   });
   ReplySlot reply;
@@ -305,8 +315,9 @@ TEST_F(ProcessListTest, KillRules) {
   EXPECT_EQ(*results.find_string("7"), "SUCCESS");
   EXPECT_EQ(*results.find_string("12"), "FAILURE");
   EXPECT_EQ(*results.find_string("1000000000000"), "FAILURE");
-  EXPECT_EQ(sent, (std::vector<std::pair<pid_t, int>>{
-                      {99999, SIGTERM}, {99999, SIGKILL}, {4242, SIGTERM}, {4242, SIGKILL}, {7, SIGTERM}, {7, SIGTERM}}));
+  EXPECT_EQ(sent,
+            (std::vector<std::pair<pid_t, int>>{
+                {99999, SIGTERM}, {99999, SIGKILL}, {4242, SIGTERM}, {4242, SIGKILL}, {7, SIGTERM}, {7, SIGTERM}}));
 
   sent.clear();
   reply.reset();

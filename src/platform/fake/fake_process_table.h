@@ -13,7 +13,7 @@ namespace platform {
 
 class FakeProcessTable : public ProcessTable {
  public:
-  std::map<uint32_t, ProcessFacts> processes;       // by pid
+  std::map<uint32_t, ProcessFacts> processes;          // by pid
   std::map<uint32_t, ProcessRegions> process_regions;  // absent: unreadable
   HostLoad load;
   int list_error = 0;  // returned, with no processes, when non-zero

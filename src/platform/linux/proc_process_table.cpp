@@ -102,8 +102,7 @@ uint64_t saturating_add(uint64_t a, uint64_t b) {
 }
 
 uint32_t clamp32(uint64_t v) {
-  return v > std::numeric_limits<uint32_t>::max() ? std::numeric_limits<uint32_t>::max()
-                                                  : static_cast<uint32_t>(v);
+  return v > std::numeric_limits<uint32_t>::max() ? std::numeric_limits<uint32_t>::max() : static_cast<uint32_t>(v);
 }
 
 ProcessState state_from_letter(char letter) {
@@ -284,7 +283,8 @@ class ProcProcessTable : public ProcessTable {
     if (std::optional<std::string> text = read_file(proc_dir_ + "/loadavg")) {
       std::string_view fields[3];
       if (split_spaces(*text, fields, 3) == 3) {
-        for (int i = 0; i < 3; ++i) std::from_chars(fields[i].data(), fields[i].data() + fields[i].size(), out->load_average[i]);
+        for (int i = 0; i < 3; ++i)
+          std::from_chars(fields[i].data(), fields[i].data() + fields[i].size(), out->load_average[i]);
       } else {
         note(EINVAL);
       }

@@ -37,8 +37,8 @@ class ProcTree {
     // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt
     // majflt cmajflt utime stime cutime cstime prio nice threads itreal
     // start vsize rss ...
-    write(p + "/stat", p + " (" + comm + ") " + state +
-                           " 1 " + p + " 1 0 -1 4194304 4294967300 0 7 0 250 130 0 0 20 0 3 0 9876 "
+    write(p + "/stat", p + " (" + comm + ") " + state + " 1 " + p +
+                           " 1 0 -1 4194304 4294967300 0 7 0 250 130 0 0 20 0 3 0 9876 "
                            "10485760 -5 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0\n");
     write(p + "/status", "Name:\tx\nState:\tS (sleeping)\nUid:\t" + uid + "\t0\t0\t0\nGid:\t20\t20\t20\t20\n" + vm);
     fs::create_directories(dir_ + "/" + p + "/fd");

@@ -276,7 +276,7 @@ int libtop_preg(uint32_t pid, int mode) {
 }
 
 const char* libtop_state_str(uint32_t state) {
-  static const char* const kNames[] = {"zombie", "running", "stuck", "sleeping",
+  static const char* const kNames[] = {"zombie", "running", "stuck",  "sleeping",
                                        "idle",   "stopped", "halted", "unknown"};
   assert(state <= LIBTOP_STATE_MAX);
   if (state > static_cast<uint32_t>(LIBTOP_STATE_MAX)) return kNames[LIBTOP_STATE_UNKNOWN];

@@ -28,7 +28,7 @@ libtop_time_t libtop_time_sub(libtop_time_t a, libtop_time_t b);
 double libtop_time_seconds(libtop_time_t t);
 
 struct libtop_tsamp_t {
-  uint32_t seq = 0;  // 0 before the first sample
+  uint32_t seq = 0;      // 0 before the first sample
   libtop_time_t time;    // of the latest sample
   libtop_time_t p_time;  // of the sample before it
   // Host-wide figures of the latest sample.

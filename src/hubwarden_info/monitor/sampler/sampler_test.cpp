@@ -47,8 +47,7 @@ TEST(RedBlackSortTest, MatchesStableSortAndStaysBalanced) {
 
     std::vector<const Item*> reference;
     for (const Item& item : items) reference.push_back(&item);
-    std::stable_sort(reference.begin(), reference.end(),
-                     [](const Item* a, const Item* b) { return a->key < b->key; });
+    std::stable_sort(reference.begin(), reference.end(), [](const Item* a, const Item* b) { return a->key < b->key; });
     EXPECT_EQ(pids_of(sorted), pids_of(reference)) << key_range;
     EXPECT_TRUE(tree.is_valid());
     EXPECT_LE(tree.height(), 22u);  // 2 log2(2001)
@@ -137,9 +136,9 @@ TEST_F(SamplerTest, NewVanishedAndReusedProcesses) {
   EXPECT_EQ(libtop_tsamp()->seq, 1u);
   EXPECT_EQ(walk(), (std::vector<uint32_t>{10, 20, 30}));
 
-  table_.processes.erase(30);                                   // exited
-  table_.add(40, "d", 9000000);                                 // started
-  table_.add(20, "b2", 100).start_time = 6;                     // number reused
+  table_.processes.erase(30);                // exited
+  table_.add(40, "d", 9000000);              // started
+  table_.add(20, "b2", 100).start_time = 6;  // number reused
   table_.processes[10].cpu_microseconds = 1500000;
   clock_.time += 1;
   ASSERT_EQ(libtop_sample(false, false), 0);
