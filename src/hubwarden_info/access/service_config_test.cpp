@@ -95,7 +95,7 @@ TEST_F(ServiceConfigTest, MarkingReplacesRunningEntriesWholeAndKeepsTheRest) {
                             {"com.marlo.Overseer.DNS", Dict{{"configured", true}}}}));
   EXPECT_EQ(*stored("ServiceConfig").as_dict()->find_string("consoleNote"), "kept");
   EXPECT_EQ(stored("serviceConfigForUpgradeChecked"), Value(true));
-  EXPECT_EQ(world.log.lines_at(platform::Priority::Error),
+  EXPECT_EQ(testing::lines_at(world.log, platform::Priority::Error),
             std::vector<std::string>{"hubwarden_info: mark_running_services_configured(): marked running services "
                                      "configured: com.marlo.Overseer.DNS, com.marlo.Overseer.Web"});
 

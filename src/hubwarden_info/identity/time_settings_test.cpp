@@ -65,7 +65,7 @@ TEST_F(TimeSettingsTest, ClockAndTimeDaemonState) {
   EXPECT_EQ(*get_time().as_unsigned(), 0u);
 
   EXPECT_EQ(set_time(1800000000), 0);
-  EXPECT_EQ(world.clock.set_calls(), std::vector<double>{1800000000.0});
+  EXPECT_EQ(world.clock.set_times(), std::vector<double>{1800000000.0});
 
   EXPECT_FALSE(get_ntp_sync_state());
   world.service_manager.set_job("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", true);
@@ -73,7 +73,7 @@ TEST_F(TimeSettingsTest, ClockAndTimeDaemonState) {
   EXPECT_TRUE(get_ntp_server_state());
 
   EXPECT_EQ(get_city_record(), Value(0));
-  EXPECT_EQ(world.log.lines_at(platform::Priority::Error).size(), 1u);
+  EXPECT_EQ(testing::lines_at(world.log, platform::Priority::Error).size(), 1u);
 }
 
 }  // namespace

@@ -67,8 +67,9 @@ void apply_time_settings(const Dict& configuration, bool sync, Dict* context, Wr
     bool changed = false;
     if (serve_value != nullptr) serve = serve_value->number_is_true();
     if (server_value != nullptr && server != *server_value) {
-      // Stored under its own key; "readSettings" reports
-      // "previousNTPServerName", which only the console's history fills.
+      // Recorded as "previousNTPServerNameStore", which readSettings does
+      // not report (it reports "previousNTPServerName"): consoles in the
+      // field rely on both keys exactly as they are.
       if (context != nullptr) {
         context->set("previousNTPServerNameStore", *server_value);
         context->set("contextDirty", Value(true));

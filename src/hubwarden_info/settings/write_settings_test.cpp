@@ -27,9 +27,10 @@ class WriteSettingsTest : public ::testing::Test {
   uint64_t write_status(const Dict& reply) { return *reply.find("writeStatus")->as_unsigned(); }
   std::vector<double> clock_sets_for(Dict configuration) {
     world.clock.set_now(kNow + 0.25);
-    size_t before = world.clock.set_calls().size();
+    size_t before = world.clock.set_times().size();
     write(std::move(configuration));
-    return {world.clock.set_calls().begin() + static_cast<long>(before), world.clock.set_calls().end()};
+    std::vector<double> all = world.clock.set_times();
+    return {all.begin() + static_cast<long>(before), all.end()};
   }
 
   testing::SettingsWorld world;
@@ -58,7 +59,7 @@ TEST_F(WriteSettingsTest, KeysOfTheWrongTypeAreIgnored) {
   EXPECT_EQ(write_status(reply), 0u);
   EXPECT_TRUE(reply.contains("configuration"));
   EXPECT_TRUE(world.service_manager.set_calls().empty());
-  EXPECT_TRUE(world.clock.set_calls().empty());
+  EXPECT_TRUE(world.clock.set_times().empty());
   EXPECT_TRUE(world.directory.writes().empty());
   EXPECT_FALSE(context.contains("previousNTPServerNameStore"));
   EXPECT_FALSE(read_key_from_settings_file("askClientsToIgnoreVantorZeroconfReg"));
@@ -73,9 +74,9 @@ TEST_F(WriteSettingsTest, ClockIsSetOnlyWhenMoreThanFiveSecondsOff) {
   EXPECT_EQ(clock_sets_for(Dict{{"currentTime", kNow + 6}}), std::vector<double>{kNow + 6.0});
   EXPECT_EQ(clock_sets_for(Dict{{"currentTime", kNow - 6}}), std::vector<double>{kNow - 6.0});
 
-  world.clock.fail_with(EPERM);
+  world.clock.fail_set_time(EPERM);
   EXPECT_EQ(write_status(write(Dict{{"currentTime", kNow + 60}})), 100023u);
-  EXPECT_EQ(world.log.lines_at(platform::Priority::Notice),
+  EXPECT_EQ(testing::lines_at(world.log, platform::Priority::Notice),
             std::vector<std::string>{"hubwarden_info: [" + std::to_string(::getpid()) +
                                      "] settimeofday failed with " + std::to_string(EPERM)});
 }
@@ -124,7 +125,7 @@ TEST_F(WriteSettingsTest, GetDetailsFalseAsANumberOnlyGivesAShortReply) {
 TEST_F(WriteSettingsTest, StatusReportsTheFirstFailureAndLaterKeysStillApply) {
   world.service_manager.set_job("org.net-snmp.snmpd", false);
   world.service_manager.fail_job("org.net-snmp.snmpd", 5);
-  world.clock.fail_with(EPERM);
+  world.clock.fail_set_time(EPERM);
   world.directory.put_group("com.marlo.access_mail", Dict{{"dsAttrTypeStandard:RecordName", Array{"com.marlo.access_mail"}}});
   write_settings_file(Dict{{"ServiceConfig", Dict{{"services", Dict{{"a", Dict{{"configured", true}}}}},
                                                   {"consoleNote", "kept"}}}});
@@ -140,7 +141,7 @@ TEST_F(WriteSettingsTest, StatusReportsTheFirstFailureAndLaterKeysStillApply) {
   EXPECT_EQ(write_status(reply), 1u);
   EXPECT_EQ(world.service_manager.set_calls(),
             (std::vector<platform::FakeServiceManager::SetCall>{{"org.net-snmp.snmpd", true}}));
-  EXPECT_EQ(world.clock.set_calls().size(), 1u);
+  EXPECT_EQ(world.clock.set_times().size(), 1u);
   EXPECT_EQ(world.directory.writes().size(), 1u);
   EXPECT_EQ(read_key_from_settings_file("askClientsToIgnoreVantorZeroconfReg"), Value(true));
   EXPECT_EQ(*reply.find_dict("configuration")->find("enableClientDiscovery"), Value(false));

@@ -1,9 +1,8 @@
 // Test doubles for the settings and service-configuration tests and their
 // benchmark: a module manager whose service modules answer getState from a
-// table, a log that keeps its lines, a clock the test sets, and a fixture
-// that installs them (with the fake service manager and directory) under a
-// sandbox root and returns the module-wide objects to their state at load
-// afterwards. Header-only: used by tests and benchmarks alone.
+// table, and a fixture that installs it with the platform fakes (service
+// manager, directory, clock, log) under a sandbox root and returns the
+// module-wide objects to their state at load afterwards. Header-only: used by tests and benchmarks alone.
 #pragma once
 
 #include <map>
@@ -14,12 +13,12 @@
 
 #include "access/acls.h"
 #include "access/services_table.h"
-#include "platform/clock.h"
 #include "platform/directory.h"
+#include "platform/fake/fake_clock.h"
 #include "platform/fake/fake_directory.h"
+#include "platform/fake/fake_log.h"
 #include "platform/fake/fake_service_manager.h"
 #include "platform/host_services.h"
-#include "platform/log.h"
 #include "request/globals.h"
 #include "request/operations.h"
 #include "request/spine_test_support.h"
@@ -89,45 +88,14 @@ class FakeModuleManager : public platform::ModuleManager {
   bool record_calls_ = true;
 };
 
-class RecordingLog : public platform::Log {
- public:
-  void write(platform::Priority priority, std::string_view line) override {
-    std::lock_guard<std::mutex> l(mu_);
-    lines_.emplace_back(priority, std::string(line));
+// The lines logged at priority, in order.
+inline std::vector<std::string> lines_at(const platform::FakeLog& log, platform::Priority priority) {
+  std::vector<std::string> out;
+  for (const auto& [p, line] : log.entries()) {
+    if (p == priority) out.push_back(line);
   }
-  std::vector<std::string> lines_at(platform::Priority priority) const {
-    std::lock_guard<std::mutex> l(mu_);
-    std::vector<std::string> out;
-    for (const auto& [p, line] : lines_) {
-      if (p == priority) out.push_back(line);
-    }
-    return out;
-  }
-
- private:
-  mutable std::mutex mu_;
-  std::vector<std::pair<platform::Priority, std::string>> lines_;
-};
-
-class FakeClock : public platform::Clock {
- public:
-  double now() override { return now_; }
-  std::optional<double> boot_time() override { return std::nullopt; }
-  int set_time(double seconds) override {
-    set_calls_.push_back(seconds);
-    if (failure_ == 0) now_ = seconds;
-    return failure_;
-  }
-
-  void set_now(double now) { now_ = now; }
-  void fail_with(int error) { failure_ = error; }
-  const std::vector<double>& set_calls() const { return set_calls_; }
-
- private:
-  double now_ = 1700000000.25;
-  int failure_ = 0;
-  std::vector<double> set_calls_;
-};
+  return out;
+}
 
 // Everything the settings operations reach, installed under a fresh root.
 // Module-wide objects start as at load and are reset again at the end.
@@ -154,8 +122,8 @@ class SettingsWorld {
   SandboxRoot root;
   FakeModuleManager modules;
   platform::FakeServiceManager service_manager;
-  FakeClock clock;
-  RecordingLog log;
+  platform::FakeClock clock;
+  platform::FakeLog log;
   platform::FakeDirectory directory;
 
  private:
