@@ -4,7 +4,8 @@
 // a nested group). Times one "which services may this user use" and one
 // tiered administrator summary per iteration, with the record cache warm
 // (the steady state of a server answering requests) and cold (a fresh store
-// object, every record parsed once).
+// object, every record parsed once); and the NSS side of membership at the
+// real root.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -149,6 +150,25 @@ void BM_SaclsForUserCold(benchmark::State& state) {
   platform::install<platform::Directory>(nullptr);
 }
 BENCHMARK(BM_SaclsForUserCold)->Unit(benchmark::kMillisecond);
+
+// At the real root a group the store does not hold goes to NSS. The worst
+// case: 1,000 questions about groups neither knows, each store object new
+// (nothing remembered from an earlier request).
+void BM_RealRootMembershipOfUnknownGroups(benchmark::State& state) {
+  platform::Paths real("/");
+  platform::Paths* previous = platform::slot<platform::Paths>();
+  platform::install<platform::Paths>(&real);
+  std::vector<std::string> groups;
+  for (int i = 0; i < 1000; ++i) groups.push_back("com.marlo.access_svc" + std::to_string(i));
+  for (auto _ : state) {
+    std::unique_ptr<platform::Directory> directory = platform::make_directory_store();
+    int members = 0;
+    for (const std::string& g : groups) members += directory->is_member("root", g);
+    benchmark::DoNotOptimize(members);
+  }
+  platform::install<platform::Paths>(previous);
+}
+BENCHMARK(BM_RealRootMembershipOfUnknownGroups)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <limits>
@@ -260,6 +261,74 @@ struct LoadedRecord {
   std::shared_ptr<const plist::Dict> record;  // set when Ok
 };
 
+// NSS answers for the questions of one request. A request asks about the
+// same user once per group, and NSS modules other than plain files can take
+// a tenth of a millisecond per answer, so answers are kept for at most
+// kSystemAccountsTtl and dropped at once when /etc/passwd or /etc/group
+// changes.
+class SystemAccounts {
+ public:
+  struct User {
+    bool found = false;
+    NssUser ids;
+    std::vector<uint32_t> gids;  // every group of the user, primary included
+  };
+
+  User user(const std::string& name) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      refresh_locked();
+      if (auto it = users_.find(name); it != users_.end()) return it->second;
+    }
+    User u;
+    u.found = nss_user(name, &u.ids);
+    if (u.found) u.gids = nss_group_ids_of(name, u.ids.gid);
+    std::lock_guard<std::mutex> lock(mu_);
+    users_.emplace(name, u);
+    return u;
+  }
+
+  std::optional<NssGroup> group(const std::string& name) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      refresh_locked();
+      if (auto it = groups_.find(name); it != groups_.end()) return it->second;
+    }
+    std::optional<NssGroup> g = nss_group(name);
+    std::lock_guard<std::mutex> lock(mu_);
+    groups_.emplace(name, g);
+    return g;
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kSystemAccountsTtl{1000};
+
+  static FileIdentity identity_of(const char* path) {
+    struct stat st;
+    return ::stat(path, &st) == 0 ? FileIdentity::of(st) : FileIdentity{};
+  }
+
+  void refresh_locked() {
+    auto now = std::chrono::steady_clock::now();
+    FileIdentity passwd = identity_of("/etc/passwd");
+    FileIdentity group = identity_of("/etc/group");
+    if (valid_ && now - stamp_ < kSystemAccountsTtl && passwd == passwd_ && group == group_) return;
+    users_.clear();
+    groups_.clear();
+    valid_ = true;
+    stamp_ = now;
+    passwd_ = passwd;
+    group_ = group;
+  }
+
+  std::mutex mu_;
+  bool valid_ = false;
+  std::chrono::steady_clock::time_point stamp_;
+  FileIdentity passwd_, group_;
+  std::unordered_map<std::string, User> users_;
+  std::unordered_map<std::string, std::optional<NssGroup>> groups_;
+};
+
 class DirectoryStore : public Directory {
  public:
   std::string default_local_node_path() override { return std::string(kLocalNode); }
@@ -279,9 +348,9 @@ class DirectoryStore : public Directory {
       return std::nullopt;
     }
     LoadedRecord stored = load("users", name);
-    NssUser system;
-    bool in_system = real_root() && nss_user(name, &system);
-    if (stored.state != RecordState::Ok && !in_system) return std::nullopt;
+    SystemAccounts::User system;
+    if (real_root()) system = accounts_.user(name);
+    if (stored.state != RecordState::Ok && !system.found) return std::nullopt;
     UserRecord user;
     user.name = name;
     if (stored.record) {
@@ -290,9 +359,9 @@ class DirectoryStore : public Directory {
       user.uid = attribute_number(*stored.record, kUniqueID);
       user.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
     }
-    if (in_system) {
-      if (!user.uid) user.uid = system.uid;
-      if (!user.primary_gid) user.primary_gid = system.gid;
+    if (system.found) {
+      if (!user.uid) user.uid = system.ids.uid;
+      if (!user.primary_gid) user.primary_gid = system.ids.gid;
     }
     return user;
   }
@@ -502,9 +571,9 @@ class DirectoryStore : public Directory {
 
   std::optional<Member> member_facts(const std::string& user) {
     LoadedRecord stored = load("users", user);
-    NssUser system;
-    bool in_system = real_root() && nss_user(user, &system);
-    if (stored.state != RecordState::Ok && !in_system) return std::nullopt;
+    SystemAccounts::User system;
+    if (real_root()) system = accounts_.user(user);
+    if (stored.state != RecordState::Ok && !system.found) return std::nullopt;
     Member m;
     m.name = user;
     if (stored.record) {
@@ -512,27 +581,35 @@ class DirectoryStore : public Directory {
       if (!guid.empty()) m.guid = guid.front();
       m.primary_gid = attribute_number(*stored.record, kPrimaryGroupID);
     }
-    if (in_system) {
-      if (!m.primary_gid) m.primary_gid = system.gid;
-      m.system_gids = nss_group_ids_of(user, system.gid);
+    if (system.found) {
+      if (!m.primary_gid) m.primary_gid = system.ids.gid;
+      m.system_gids = std::move(system.gids);
     }
     return m;
   }
 
+  // The store answers for the groups it holds, NSS (at the real root) for
+  // the others, as the first source that knows a name answers for it. A
+  // group id is one number space on the machine, so a stored group's id
+  // also matches the user's system groups.
   bool is_member_of(const Member& m, const std::string& group, std::unordered_set<std::string>& visited) {
+    auto in_system_groups = [&m](uint32_t gid) {
+      return (m.primary_gid && *m.primary_gid == gid) ||
+             std::find(m.system_gids.begin(), m.system_gids.end(), gid) != m.system_gids.end();
+    };
     LoadedRecord stored = load("groups", group);
-    std::optional<NssGroup> system = real_root() ? nss_group(group) : std::nullopt;
-    if (system) {
-      if (std::find(system->members.begin(), system->members.end(), m.name) != system->members.end()) return true;
-      if (std::find(m.system_gids.begin(), m.system_gids.end(), system->gid) != m.system_gids.end()) return true;
-      if (m.primary_gid && *m.primary_gid == system->gid) return true;
+    if (stored.state == RecordState::Missing) {
+      std::optional<NssGroup> system = real_root() ? accounts_.group(group) : std::nullopt;
+      if (!system) return false;
+      return std::find(system->members.begin(), system->members.end(), m.name) != system->members.end() ||
+             in_system_groups(system->gid);
     }
-    if (stored.state != RecordState::Ok) return false;
+    if (stored.state != RecordState::Ok) return false;  // a damaged group admits nobody
     const plist::Dict& record = *stored.record;
     if (contains(attribute_values(record, kGroupMembership), m.name)) return true;
     if (!m.guid.empty() && contains(attribute_values(record, kGroupMembers), m.guid)) return true;
-    std::optional<uint32_t> gid = attribute_number(record, kPrimaryGroupID);
-    if (gid && m.primary_gid && *gid == *m.primary_gid) return true;
+    if (std::optional<uint32_t> gid = attribute_number(record, kPrimaryGroupID); gid && in_system_groups(*gid))
+      return true;
     for (std::string_view nested_guid : attribute_values(record, kNestedGroups)) {
       std::optional<std::string> nested = group_named_by_guid(nested_guid);
       if (!nested || !visited.insert(*nested).second) continue;
@@ -625,6 +702,7 @@ class DirectoryStore : public Directory {
     return kDirectoryOK;
   }
 
+  SystemAccounts accounts_;
   std::mutex write_mutex_;  // taken before cache_mutex_, never after
   std::mutex cache_mutex_;
   std::unordered_map<std::string, CacheEntry> cache_;

@@ -1,5 +1,6 @@
 // The Linux directory: a record store of users and groups under the root,
 // joined by the system's own users and groups (NSS) when the root is "/".
+// The store answers for the names it holds, NSS for the others.
 //
 // Records live at <root>/var/db/hubwarden/directory/users/NAME.plist and
 // .../groups/NAME.plist, each an XML dictionary from attribute type names to
