@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "platform/fake/fake_directory.h"
 #include "request/globals.h"
 #include "request/module.h"
 #include "request/operations.h"
@@ -141,6 +142,29 @@ TEST_F(DispatcherTest, DirectRepliesNeverCarryAnError) {
   reply = call({{"command", "getTieredAdminSummary"}});
   ASSERT_TRUE(reply);
   EXPECT_EQ(keys_of(*reply), (std::vector<std::string>{"error"}));
+}
+
+TEST_F(DispatcherTest, MatchingAuthDataAsDataOrTextAnswersTheServices) {
+  platform::FakeDirectory directory;
+  directory.add_user("bob");
+  Installed<platform::Directory> use(&directory);
+  create_auth_string();
+  const std::string auth = *auth_string();
+
+  std::optional<Dict> reply = call({{"command", "getSACLsForUserWithAuthData"},
+                                    {"user", "bob"},
+                                    {"authData", plist::Data(auth.begin(), auth.end())}});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(keys_of(*reply), (std::vector<std::string>{"command", "user", "sacls"}));
+  // No access group exists, so every service is open to everybody.
+  EXPECT_EQ(reply->find_array("sacls")->size(), 8u);
+
+  reply = call({{"command", "getSACLsForUserWithAuthData"}, {"user", "bob"}, {"authData", auth}});
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->find_array("sacls"));
+  reply = call({{"command", "getSACLsForUser"}, {"user", "nobody-here"}});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(keys_of(*reply), (std::vector<std::string>{"command", "user"}));
 }
 
 TEST_F(DispatcherTest, SystemLogPathsAlwaysHaveTheFourEntries) {
