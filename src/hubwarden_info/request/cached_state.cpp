@@ -12,6 +12,7 @@
 #include "platform/host_services.h"
 #include "platform/meters.h"
 #include "platform/registry.h"
+#include "platform/serial_number.h"
 #include "platform/sysconfig.h"
 #include "request/globals.h"
 #include "request/operations.h"
@@ -130,17 +131,8 @@ std::optional<std::string> get_hardware_serial_number() {
     const Value* property = device.find("serial-number");
     const plist::Data* data = property ? property->as_data() : nullptr;
     if (!data) continue;
-    char buffer[256] = {};
-    if (!data->empty()) std::memcpy(buffer, data->data(), std::min<size_t>(data->size(), 255));
-    char serial[20] = {};
-    if (std::strchr(buffer, '-')) {
-      std::memcpy(serial, buffer + 12, 8);
-      std::memcpy(serial + 8, buffer, 11);
-    } else {
-      std::memcpy(serial, buffer + 13, 8);
-      std::memcpy(serial + 8, buffer, 3);
-    }
-    if (serial[0] != '\0') answer = std::string(serial);  // the last device wins
+    std::string serial = platform::decode_serial_number(*data);
+    if (!serial.empty()) answer = serial;  // the last device wins
   }
   return answer;
 }

@@ -2,6 +2,8 @@
 // do and keeping the one that gives the serial back.
 #include "platform/linux/serial_layout.h"
 
+#include "platform/serial_number.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -15,19 +17,6 @@ constexpr size_t kLayoutBytes = 22;
 constexpr size_t kLongSerial = 19;
 constexpr size_t kHeadBytes = 8;
 
-std::string decode(const plist::Data& data) {
-  char buffer[256] = {};
-  std::memcpy(buffer, data.data(), std::min<size_t>(data.size(), 255));
-  char serial[kLongSerial + 1] = {};
-  if (std::strchr(buffer, '-')) {
-    std::memcpy(serial, buffer + 12, 8);
-    std::memcpy(serial + 8, buffer, 11);
-  } else {
-    std::memcpy(serial, buffer + 13, 8);
-    std::memcpy(serial + 8, buffer, 3);
-  }
-  return std::string(serial);
-}
 
 // The serial's first eight characters at head_offset, the rest at 0, NULs
 // everywhere else (they end the serial, and an empty leading string has no
@@ -61,10 +50,10 @@ plist::Data encode_serial_number(std::string_view serial) {
   serial = serial.substr(0, kLongSerial);
   if (serial.size() <= 11) {
     plist::Data data = plain(serial);
-    if (decode(data) == serial) return data;
+    if (decode_serial_number(data) == serial) return data;
   }
   plist::Data data = dashed(serial);
-  if (decode(data) == serial) return data;
+  if (decode_serial_number(data) == serial) return data;
   std::string padded(serial);
   padded.resize(kLongSerial, ' ');
   return dashed(padded);
