@@ -8,6 +8,7 @@
 
 #include "access/connected_users.h"
 #include "access/identity_certificates.h"
+#include "access/service_config.h"
 #include "access/tiered_admin.h"
 #include "monitor/meters.h"
 #include "plist/codec.h"
@@ -15,11 +16,6 @@
 #include "request/operations.h"
 
 namespace hubwarden {
-
-// Provided by the service configuration, which has not landed yet: weak, so
-// that an absent provider leaves its key out of the report. A weak reference
-// alone does not pull a definition out of a static library.
-std::optional<Array> available_services() __attribute__((weak));
 
 namespace {
 
@@ -140,8 +136,7 @@ ErrorName get_server_info(ReplySlot& reply, const Value* variant, bool, Dict* co
     put("serviceConfig", *c);
   }
 
-  if (available_services)
-    if (std::optional<Array> services = available_services()) put("availableServices", std::move(*services));
+  if (std::optional<Array> services = available_services()) put("availableServices", std::move(*services));
 
   ReplySlot summary;
   get_tiered_admin_summary(nullptr, summary, context);
