@@ -39,9 +39,9 @@ void BM_Ps(benchmark::State& state) {
   }
 }
 
-BENCHMARK(BM_SampleWithoutRegions)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_SampleWithRegions)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_Ps)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_SampleWithoutRegions)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_SampleWithRegions)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_Ps)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 // Remembers each benchmark's time per iteration for the ratios.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -50,7 +50,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs)
       if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-        seconds[run.run_name.function_name] = run.GetAdjustedRealTime();
+        seconds[run.run_name.function_name] = run.GetAdjustedRealTime();  // ps's work is in a child
     ConsoleReporter::ReportRuns(runs);
   }
 };

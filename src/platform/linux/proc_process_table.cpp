@@ -60,6 +60,10 @@ std::optional<std::string_view> read_into(int dir_fd, const char* path, char* bu
     }
     if (n == 0) break;
     length += static_cast<size_t>(n);
+    // proc files are generated whole by the first read when the buffer has
+    // room, so a short read is the end; asking again to see 0 would cost a
+    // system call per file, a fifth of a sample.
+    if (length < capacity) break;
   }
   return std::string_view(buf, length);
 }
@@ -249,7 +253,7 @@ class ProcProcessTable : public ProcessTable {
       std::string_view name(entry->d_name);
       uint32_t pid = 0;
       if (name.empty() || name[0] < '1' || name[0] > '9' || !parse_whole(name, &pid)) continue;
-      if (read_process(dir_fd, name, pid, &facts)) out->push_back(facts);
+      if (read_process(dir_fd, entry->d_name, pid, &facts)) out->push_back(facts);
     }
     ::closedir(dir);
     return 0;
@@ -306,24 +310,28 @@ class ProcProcessTable : public ProcessTable {
   }
 
  private:
-  bool read_process(int dir_fd, std::string_view name, uint32_t pid, ProcessFacts* f) {
+  // Everything is read through one descriptor of the process's directory:
+  // should the process exit and its number be reused meanwhile, the reads
+  // fail instead of mixing two processes, and each open looks up one name.
+  bool read_process(int dir_fd, const char* name, uint32_t pid, ProcessFacts* f) {
+    Descriptor process(::openat(dir_fd, name, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (process.get() < 0) return false;
     char buf[kStatusBuffer];
-    std::optional<std::string_view> stat = read_into(dir_fd, ProcPath(name, "stat").c_str(), buf, kStatBuffer);
+    std::optional<std::string_view> stat = read_into(process.get(), "stat", buf, kStatBuffer);
     if (!stat || !parse_stat(*stat, pid, page_size_, ticks_per_second_, f)) return false;
-    std::optional<std::string_view> status = read_into(dir_fd, ProcPath(name, "status").c_str(), buf, sizeof(buf));
+    std::optional<std::string_view> status = read_into(process.get(), "status", buf, sizeof(buf));
     if (!status || !parse_status(*status, f)) return false;
-    f->ports = count_descriptors(dir_fd, name);
+    f->ports = count_descriptors(process.get());
     return true;
   }
 
-  uint32_t count_descriptors(int dir_fd, std::string_view name) const {
-    ProcPath path(name, "fd");
+  uint32_t count_descriptors(int process_fd) const {
     // procfs reports the number of open descriptors as the directory's size,
     // which spares listing it; older kernels report 0 and are counted.
     struct stat st;
-    if (on_procfs_ && ::fstatat(dir_fd, path.c_str(), &st, 0) == 0 && st.st_size > 0)
+    if (on_procfs_ && ::fstatat(process_fd, "fd", &st, 0) == 0 && st.st_size > 0)
       return clamp32(static_cast<uint64_t>(st.st_size));
-    Descriptor fd(::openat(dir_fd, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor fd(::openat(process_fd, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0) return 0;
     DIR* dir = ::fdopendir(fd.get());
     if (!dir) return 0;
