@@ -2,6 +2,8 @@
 // (60,480) and the console's "getHistory" over that week, which the store
 // thins to a bounded number of points.
 #include <benchmark/benchmark.h>
+
+#include "bench_root.h"
 #include <stdlib.h>
 
 #include <filesystem>
@@ -47,20 +49,17 @@ Array sample(int i) {
 class TempStore {
  public:
   explicit TempStore(FixedClock* clock) {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-history-bench-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
     hubwardend::HistoryStoreOptions options;
     options.clock = [clock] { return clock->time; };
-    store = hubwardend::open_history_store(dir_ + "/history.sqlite3", options);
+    store = hubwardend::open_history_store(scratch_.dir() + "/history.sqlite3", options);
   }
-  ~TempStore() {
-    store.reset();
-    std::filesystem::remove_all(dir_);
-  }
-  std::unique_ptr<platform::HistoryService> store;
+  ~TempStore() { store.reset(); }
 
  private:
-  std::string dir_;
+  bench::ScratchDir scratch_;  // made first, removed last
+
+ public:
+  std::unique_ptr<platform::HistoryService> store;
 };
 
 void BM_StoreWeekOfSamples(benchmark::State& state) {

@@ -11,6 +11,8 @@
 // getState reuses one look at the process table for a second, so the
 // ProcessTable run shows what a query costs when that look is due.
 #include <benchmark/benchmark.h>
+
+#include "bench_root.h"
 #include <stdlib.h>
 #include <systemd/sd-daemon.h>
 
@@ -24,26 +26,7 @@
 
 namespace {
 
-class Root {
- public:
-  explicit Root(bool sandbox) {
-    if (sandbox) {
-      std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-bench-XXXXXX").string();
-      dir_ = ::mkdtemp(tmpl.data());
-    }
-    paths_ = std::make_unique<platform::Paths>(sandbox ? dir_ : "/");
-    platform::install<platform::Paths>(paths_.get());
-  }
-  ~Root() {
-    platform::install<platform::Paths>(nullptr);
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-  }
-  const std::string& dir() const { return dir_; }
-
- private:
-  std::string dir_;
-  std::unique_ptr<platform::Paths> paths_;
-};
+using Root = bench::BenchRoot;
 
 // The first candidate unit of every configured service module.
 std::vector<std::string> module_units(const platform::HostServiceMap& map) {

@@ -11,6 +11,8 @@
 // the context line "systemd" tells which, and the counter "modules" how
 // many service modules had an installed unit there.
 #include <benchmark/benchmark.h>
+
+#include "bench_root.h"
 #include <stdlib.h>
 #include <systemd/sd-daemon.h>
 
@@ -36,26 +38,7 @@ namespace {
 using hubwarden::Dict;
 using hubwarden::ReplySlot;
 
-class Root {
- public:
-  explicit Root(bool sandbox) {
-    if (sandbox) {
-      std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-bench-XXXXXX").string();
-      dir_ = ::mkdtemp(tmpl.data());
-    }
-    paths_ = std::make_unique<platform::Paths>(sandbox ? dir_ : "/");
-    platform::install<platform::Paths>(paths_.get());
-  }
-  ~Root() {
-    platform::install<platform::Paths>(nullptr);
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-  }
-  const std::string& dir() const { return dir_; }
-
- private:
-  std::string dir_;
-  std::unique_ptr<platform::Paths> paths_;
-};
+using Root = bench::BenchRoot;
 
 // A settings file of the size a configured server has.
 void write_settings() {

@@ -2,6 +2,8 @@
 // keys, service configuration and notification settings) and of one
 // read-modify-write update, under a sandbox root.
 #include <benchmark/benchmark.h>
+
+#include "bench_root.h"
 #include <stdlib.h>
 
 #include <filesystem>
@@ -14,23 +16,7 @@ namespace {
 
 using plist::Dict;
 
-class SandboxRoot {
- public:
-  SandboxRoot() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-bench-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-    paths_ = std::make_unique<platform::Paths>(dir_);
-    platform::install<platform::Paths>(paths_.get());
-  }
-  ~SandboxRoot() {
-    platform::install<platform::Paths>(nullptr);
-    std::filesystem::remove_all(dir_);
-  }
-
- private:
-  std::string dir_;
-  std::unique_ptr<platform::Paths> paths_;
-};
+using SandboxRoot = bench::BenchRoot;
 
 Dict typical_settings() {
   Dict services;
