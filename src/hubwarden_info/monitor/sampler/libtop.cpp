@@ -116,14 +116,7 @@ void sample_regions(Sampler& s, const platform::ProcessFacts& f, bool regions, l
 void read_host_load(Sampler& s) {
   platform::HostLoad load;
   if (int error = s.table->host_load(&load)) report("%s(): Error in host_load(): %s", "libtop_sample", strerror(error));
-  for (int i = 0; i < 3; ++i) s.tsamp.load_average[i] = load.load_average[i];
-  s.tsamp.faults = load.faults;
-  s.tsamp.page_ins = load.page_ins;
-  s.tsamp.page_outs = load.page_outs;
-  s.tsamp.disk_bytes_read = load.disk_bytes_read;
-  s.tsamp.disk_bytes_written = load.disk_bytes_written;
-  s.tsamp.disk_reads = load.disk_reads;
-  s.tsamp.disk_writes = load.disk_writes;
+  s.tsamp.host = load;
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "monitor/sampler/libtop_i64.h"
+#include "platform/process_table.h"
 
 namespace hubwarden {
 
@@ -32,14 +33,7 @@ struct libtop_tsamp_t {
   libtop_time_t time;    // of the latest sample
   libtop_time_t p_time;  // of the sample before it
   // Host-wide figures of the latest sample.
-  double load_average[3] = {0, 0, 0};
-  uint64_t faults = 0;
-  uint64_t page_ins = 0;
-  uint64_t page_outs = 0;
-  uint64_t disk_bytes_read = 0;
-  uint64_t disk_bytes_written = 0;
-  uint64_t disk_reads = 0;
-  uint64_t disk_writes = 0;
+  platform::HostLoad host;
   uint32_t processes = 0;
   uint32_t threads = 0;
 };
