@@ -115,7 +115,7 @@ TEST(XmlCodecTest, ReaderAcceptsWhatOtherWritersProduce) {
   EXPECT_EQ(*d.find("i")->as_integer(), 7);
   EXPECT_EQ(*d.find_string("s"), "a<raw>b&\u263A\r");
   EXPECT_EQ(*d.find_string("e"), "");
-  EXPECT_EQ(d.size(), 10u);  // the repeated key is stored once...
+  EXPECT_EQ(d.size(), 10u);                    // the repeated key is stored once...
   EXPECT_EQ(*d.find("dup")->as_integer(), 2);  // ...with the last value
 
   // A bare value element is a document too.
@@ -165,6 +165,34 @@ TEST(XmlCodecTest, MalformedDocumentsAreRefusedWithAReason) {
   // Extremes that are in range still read.
   EXPECT_TRUE(parse_xml(wrap("<integer>-9223372036854775808</integer>")).ok());
   EXPECT_TRUE(parse_xml(wrap("<date>2024-02-29T23:59:59Z</date>")).ok());
+}
+
+TEST(XmlCodecTest, CharactersXmlForbidsAreRefusedHoweverWritten) {
+  // A reference to NUL used to cut a user name short; the others slipped
+  // control characters into values.
+  for (const char* body :
+       {"ro&#0;ot", "a&#1;b", "a&#x1F;", "a&#x0000;b", "&#xFFFE;", "&#xD800;", "&#x110000;", "&#99999999999999999999;",
+        "a\x01"
+        "b",
+        "a\x1b[31m", "tab\t\x0c"}) {
+    Parsed p = parse_xml(wrap(std::string("<string>") + body + "</string>"));
+    EXPECT_FALSE(p.ok()) << body;
+    EXPECT_TRUE(p.value.is_null()) << body;
+  }
+  Parsed key = parse_xml(wrap("<dict><key>&#0;</key><true/></dict>"));
+  EXPECT_NE(key.error.find("U+0000"), std::string::npos) << key.error;
+  // Between elements and in attributes a reference is still a reference.
+  EXPECT_FALSE(parse_xml(wrap("<array>&#0;</array>")).ok());
+  EXPECT_FALSE(parse_xml("<plist version=\"&#2;\"><true/></plist>").ok());
+
+  // The allowed edges read, and references inside comments, CDATA and
+  // processing instructions are only text.
+  Parsed edges = parse_xml(wrap("<string>&#9;&#xA;&#13;&#x20;&#xD7FF;&#xE000;&#xFFFD;&#x10000;&#x10FFFF;</string>"));
+  ASSERT_TRUE(edges.ok()) << edges.error;
+  EXPECT_EQ(*edges.value.as_string(), "\t\n\r \uD7FF\uE000\uFFFD\U00010000\U0010FFFF");
+  Parsed quoted = parse_xml("<?note &#0;?><!-- &#1; --><plist><string><![CDATA[&#0;]]>&amp;#1;</string></plist>");
+  ASSERT_TRUE(quoted.ok()) << quoted.error;
+  EXPECT_EQ(*quoted.value.as_string(), "&#0;&#1;");
 }
 
 TEST(XmlCodecTest, ExternalEntitiesAreNeverExpanded) {
@@ -249,9 +277,27 @@ TEST(TextCodecTest, ReadsDictionariesArraysStringsAndData) {
 
 TEST(TextCodecTest, MalformedTextIsRefusedWithAPosition) {
   const char* cases[] = {
-      "",       "   // only a comment",  "{ a = b",      "{ a = b c }", "{ a b; }",   "{ = b; }", "( a b )",
-      "( a, ",  "\"unterminated",        "\"esc \\",     "<0a1>",       "<0g>",       "<0a",      "a b",
-      "{ } }",  "/* open",               "{ a = /* */",  "@",           "( , )",      "{ a = ; }", "\"\\U\"",
+      "",
+      "   // only a comment",
+      "{ a = b",
+      "{ a = b c }",
+      "{ a b; }",
+      "{ = b; }",
+      "( a b )",
+      "( a, ",
+      "\"unterminated",
+      "\"esc \\",
+      "<0a1>",
+      "<0g>",
+      "<0a",
+      "a b",
+      "{ } }",
+      "/* open",
+      "{ a = /* */",
+      "@",
+      "( , )",
+      "{ a = ; }",
+      "\"\\U\"",
   };
   for (const char* text : cases) {
     Parsed p = parse_text(text);

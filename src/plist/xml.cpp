@@ -5,31 +5,27 @@
 // five predefined ones and character references is ever expanded. Writing is
 // done here by hand because the output has a fixed shape and because every
 // string must be made safe for XML 1.0 on the way out.
-#include <pugixml.hpp>
-
+#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
+#include <cstdio>
 #include <limits>
+#include <optional>
+#include <pugixml.hpp>
 #include <string>
 #include <string_view>
 
 #include "plist/codec.h"
+#include "plist/text_util.h"
 
 namespace plist {
 
 namespace {
 
+using text::trim;
+
 // Deeper documents are refused: the reader and the value destructor recurse.
 constexpr int kMaxDepth = 512;
-
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
-std::string_view trim(std::string_view s) {
-  while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && is_blank(s.back())) s.remove_suffix(1);
-  return s;
-}
 
 // ---- number, date and data texts ----
 
@@ -48,8 +44,7 @@ bool parse_integer(std::string_view s, Value& out) {
     // The magnitude of INT64_MIN is one more than INT64_MAX.
     constexpr uint64_t kMinMagnitude = static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) + 1;
     if (magnitude > kMinMagnitude) return false;
-    out = Value(magnitude == kMinMagnitude ? std::numeric_limits<int64_t>::min()
-                                           : -static_cast<int64_t>(magnitude));
+    out = Value(magnitude == kMinMagnitude ? std::numeric_limits<int64_t>::min() : -static_cast<int64_t>(magnitude));
     return true;
   }
   if (magnitude <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
@@ -116,21 +111,26 @@ bool read_digits(std::string_view s, size_t pos, size_t count, unsigned& out) {
 bool parse_date(std::string_view s, Date& out) {
   s = trim(s);
   unsigned year, month, day, hour, minute, second;
-  if (s.size() != 20 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' || s[16] != ':' ||
-      s[19] != 'Z')
+  if (s.size() != 20 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' || s[16] != ':' || s[19] != 'Z')
     return false;
   if (!read_digits(s, 0, 4, year) || !read_digits(s, 5, 2, month) || !read_digits(s, 8, 2, day) ||
       !read_digits(s, 11, 2, hour) || !read_digits(s, 14, 2, minute) || !read_digits(s, 17, 2, second))
     return false;
   static constexpr unsigned kDaysIn[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  if (month < 1 || month > 12 || day < 1 || day > kDaysIn[month - 1] || hour > 23 || minute > 59 ||
-      second > 60)
+  if (month < 1 || month > 12 || day < 1 || day > kDaysIn[month - 1] || hour > 23 || minute > 59 || second > 60)
     return false;
   bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
   if (month == 2 && day == 29 && !leap) return false;
   int64_t days = days_from_civil(year, month, day);
   out.seconds = static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second);
   return true;
+}
+
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
 }
 
 constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -153,7 +153,7 @@ bool decode_base64(std::string_view s, Data& out) {
   int count = 0;
   bool padding = false;
   for (char c : s) {
-    if (is_blank(c)) continue;
+    if (text::is_blank(c)) continue;
     if (c == '=') {
       padding = true;
       continue;
@@ -176,6 +176,94 @@ bool decode_base64(std::string_view s, Data& out) {
     out.push_back(static_cast<uint8_t>(bits >> 2));
   }
   return true;
+}
+
+// ---- characters ----
+
+// The Char production of XML 1.0.
+bool is_xml_char(uint32_t c) {
+  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) || (c >= 0xE000 && c <= 0xFFFD) ||
+         (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+std::string code_point_text(uint32_t c) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "U+%04X", c);
+  return buf;
+}
+
+// Position of the first byte XML forbids everywhere (control characters
+// other than tab, LF and CR; NUL included), or npos. Scanned in chunks
+// without an early exit so that the compiler can vectorise the common case.
+size_t find_control_byte(std::string_view s) {
+  auto bad = [](unsigned char c) { return c < 0x20 && c != '\t' && c != '\n' && c != '\r'; };
+  constexpr size_t kChunk = 64;
+  size_t i = 0;
+  for (; i + kChunk <= s.size(); i += kChunk) {
+    bool any = false;
+    for (size_t k = 0; k < kChunk; ++k) any |= bad(static_cast<unsigned char>(s[i + k]));
+    if (any) break;
+  }
+  for (; i < s.size(); ++i)
+    if (bad(static_cast<unsigned char>(s[i]))) return i;
+  return std::string_view::npos;
+}
+
+// Reads the character reference at s[at] ("&#" already seen). Returns the
+// code point, or nullopt when the text there is not a complete reference
+// (pugixml then keeps it as literal text, which is harmless). Values too
+// large for any character saturate rather than wrap.
+std::optional<uint32_t> read_char_reference(std::string_view s, size_t at) {
+  size_t i = at + 2;
+  unsigned base = 10;
+  if (i < s.size() && s[i] == 'x') {
+    base = 16;
+    ++i;
+  }
+  uint64_t value = 0;
+  size_t digits = 0;
+  for (; i < s.size() && s[i] != ';'; ++i, ++digits) {
+    int d = base == 16 ? hex_value(s[i]) : (s[i] >= '0' && s[i] <= '9' ? s[i] - '0' : -1);
+    if (d < 0) return std::nullopt;
+    value = std::min<uint64_t>(value * base + static_cast<unsigned>(d), 0xFFFFFFFFu);
+  }
+  if (digits == 0 || i >= s.size()) return std::nullopt;
+  return static_cast<uint32_t>(value);
+}
+
+// Offset of the first character reference to a character XML forbids
+// ("&#0;", "&#1;", "&#xFFFE;", a surrogate, past U+10FFFF), or npos.
+// Comments, CDATA sections and processing instructions hold no
+// references and are skipped.
+size_t find_forbidden_reference(std::string_view s, uint32_t* code_point) {
+  size_t i = s.find("&#");
+  if (i == std::string_view::npos) return i;
+  i = 0;
+  while ((i = s.find_first_of("<&", i)) != std::string_view::npos) {
+    std::string_view rest = s.substr(i);
+    std::string_view close;
+    if (rest.starts_with("<!--"))
+      close = "-->";
+    else if (rest.starts_with("<![CDATA["))
+      close = "]]>";
+    else if (rest.starts_with("<?"))
+      close = "?>";
+    if (!close.empty()) {
+      size_t end = s.find(close, i + 2);
+      if (end == std::string_view::npos) return std::string_view::npos;  // pugixml refuses it
+      i = end + close.size();
+      continue;
+    }
+    if (rest.starts_with("&#")) {
+      std::optional<uint32_t> c = read_char_reference(s, i);
+      if (c && !is_xml_char(*c)) {
+        *code_point = *c;
+        return i;
+      }
+    }
+    ++i;
+  }
+  return std::string_view::npos;
 }
 
 // ---- reader ----
@@ -214,9 +302,7 @@ bool XmlReader::fail_at(ptrdiff_t offset, const std::string& message) {
   return false;
 }
 
-bool XmlReader::fail(pugi::xml_node node, const std::string& message) {
-  return fail_at(node.offset_debug(), message);
-}
+bool XmlReader::fail(pugi::xml_node node, const std::string& message) { return fail_at(node.offset_debug(), message); }
 
 // Element names are short; an inlined comparison beats a strcmp call here.
 template <size_t N>
@@ -262,8 +348,7 @@ bool XmlReader::leaf_text(pugi::xml_node node, std::string_view& text, std::stri
 bool XmlReader::next_element(pugi::xml_node parent, pugi::xml_node node, pugi::xml_node& element) {
   for (; node; node = node.next_sibling()) {
     if (node.type() == pugi::node_element) break;
-    if (!trim(node.value()).empty())
-      return fail(parent, std::string("unexpected text inside <") + parent.name() + ">");
+    if (!trim(node.value()).empty()) return fail(parent, std::string("unexpected text inside <") + parent.name() + ">");
   }
   element = node;
   return true;
@@ -379,9 +464,20 @@ bool XmlReader::read_value(pugi::xml_node node, int depth, Value& out) {
 Parsed XmlReader::run() {
   Parsed result;
   if (text_.starts_with("\xEF\xBB\xBF")) text_.remove_prefix(3);
-  // XML forbids NUL; pugixml would silently stop reading at one.
-  if (std::memchr(text_.data(), '\0', text_.size()) != nullptr) {
-    result.error = "XML property list: document contains a NUL byte";
+  // pugixml takes any byte and any character reference as it comes: a NUL
+  // would end the document early, "&#0;" a string, and other control
+  // characters would pass into values. XML 1.0 refuses them, and so do we.
+  if (size_t at = find_control_byte(text_); at != std::string_view::npos) {
+    fail_at(static_cast<ptrdiff_t>(at),
+            "character " + code_point_text(static_cast<unsigned char>(text_[at])) + " is not allowed in XML");
+    result.error = std::move(error_);
+    return result;
+  }
+  uint32_t code_point = 0;
+  if (size_t at = find_forbidden_reference(text_, &code_point); at != std::string_view::npos) {
+    fail_at(static_cast<ptrdiff_t>(at),
+            "character reference to " + code_point_text(code_point) + ", which XML does not allow");
+    result.error = std::move(error_);
     return result;
   }
   pugi::xml_document doc;
@@ -463,7 +559,7 @@ size_t utf8_sequence_length(std::string_view s, size_t i) {
   if (c >= 0xE0 && c <= 0xEF) {
     if (left < 3 || !cont(i + 1) || !cont(i + 2)) return 0;
     unsigned char c1 = byte(i + 1);
-    if (c == 0xE0 && c1 < 0xA0) return 0;  // overlong
+    if (c == 0xE0 && c1 < 0xA0) return 0;   // overlong
     if (c == 0xED && c1 >= 0xA0) return 0;  // surrogate
     // U+FFFE and U+FFFF are not XML characters.
     if (c == 0xEF && c1 == 0xBF && (byte(i + 2) == 0xBE || byte(i + 2) == 0xBF)) return 0;
@@ -472,7 +568,7 @@ size_t utf8_sequence_length(std::string_view s, size_t i) {
   if (c >= 0xF0 && c <= 0xF4) {
     if (left < 4 || !cont(i + 1) || !cont(i + 2) || !cont(i + 3)) return 0;
     unsigned char c1 = byte(i + 1);
-    if (c == 0xF0 && c1 < 0x90) return 0;  // overlong
+    if (c == 0xF0 && c1 < 0x90) return 0;   // overlong
     if (c == 0xF4 && c1 >= 0x90) return 0;  // past U+10FFFF
     return 4;
   }
@@ -546,8 +642,7 @@ void append_date(std::string& out, double seconds) {
   civil_from_days(days, year, month, day);
   char buf[32];
   int len = std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(year), month, day,
-                          static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60),
-                          static_cast<int>(rest % 60));
+                          static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60), static_cast<int>(rest % 60));
   out.append(buf, static_cast<size_t>(len));
 }
 
