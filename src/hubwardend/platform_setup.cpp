@@ -8,6 +8,7 @@
 #include "platform/linux/basics.h"
 #include "platform/linux/directory_store.h"
 #include "platform/linux/meters_linux.h"
+#include "platform/linux/metered_interfaces.h"
 #include "platform/linux/proc_process_table.h"
 #include "platform/linux/systemd_service_manager.h"
 #include "platform/log.h"
@@ -58,7 +59,7 @@ void Host::install_linux_services() {
   own<platform::Directory>(platform::make_directory_store());
 
   own<platform::ProcessorStats>(platform::make_proc_processor_stats());
-  own<platform::InterfaceStats>(platform::make_proc_interface_stats());
+  own<platform::InterfaceStats>(platform::make_sysfs_interface_stats(platform::load_metered_interfaces()));
   own<platform::Volumes>(platform::make_mount_volumes());
   own<platform::ProcessTable>(platform::make_proc_process_table());
 

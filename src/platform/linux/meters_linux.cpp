@@ -1,4 +1,4 @@
-// Linux readers behind the load meters: /proc/stat, /proc/net/dev and the
+// Linux readers behind the processor and volume meters: /proc/stat and the
 // mount table with statvfs.
 #include "platform/linux/meters_linux.h"
 
@@ -20,6 +20,8 @@
 #include <vector>
 
 #include "platform/file_util.h"
+#include "platform/log.h"
+#include "platform/utf8.h"
 
 namespace platform {
 
@@ -47,14 +49,6 @@ void for_each_line(std::string_view text, Fn fn) {
   }
 }
 
-// Parses a decimal counter; a field the kernel never writes malformed, but a
-// damaged tree must not stop the reading, so garbage reads as 0.
-uint64_t parse_u64(std::string_view s) {
-  uint64_t v = 0;
-  std::from_chars(s.data(), s.data() + s.size(), v);
-  return v;
-}
-
 bool parse_int(std::string_view s, int* out) {
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), *out);
   return ec == std::errc() && end == s.data() + s.size();
@@ -68,6 +62,33 @@ std::string first_line(const std::string& path) {
 
 // ---- processors ----
 
+// The columns of a "cpuN" line: user nice system idle, then (since 2.6)
+// iowait irq softirq steal, then guest and guest_nice, which the kernel
+// already counts inside user and nice. Time spent waiting for I/O is time
+// the processor could have run something, so it counts as idle; interrupt
+// service and time stolen by the hypervisor were not available to this
+// system's programs, so they count as system time. Columns beyond the ten
+// known ones are ignored; fewer than four, or one that is not a number,
+// make the line unreadable.
+std::optional<ProcessorTicks> ticks_of(const std::vector<std::string_view>& fields) {
+  constexpr size_t kKnownColumns = 8;  // guest time is inside user and nice
+  if (fields.size() < 5) return std::nullopt;
+  uint64_t column[kKnownColumns] = {};
+  for (size_t i = 1; i < fields.size() && i <= kKnownColumns; ++i) {
+    auto [end, ec] = std::from_chars(fields[i].data(), fields[i].data() + fields[i].size(), column[i - 1]);
+    if (ec != std::errc() || end != fields[i].data() + fields[i].size()) return std::nullopt;
+  }
+  enum { kUser, kNice, kSystem, kIdle, kIowait, kIrq, kSoftirq, kSteal };
+  ProcessorTicks t;
+  // The kernel's counters are 64-bit; the consumers expect 32-bit counters
+  // that wrap, so keep only the low 32 bits of each sum.
+  t.user = static_cast<uint32_t>(column[kUser]);
+  t.nice = static_cast<uint32_t>(column[kNice]);
+  t.system = static_cast<uint32_t>(column[kSystem] + column[kIrq] + column[kSoftirq] + column[kSteal]);
+  t.idle = static_cast<uint32_t>(column[kIdle] + column[kIowait]);
+  return t;
+}
+
 class ProcProcessorStats : public ProcessorStats {
  public:
   ProcProcessorStats(std::string proc_dir, std::string sys_dir)
@@ -78,21 +99,27 @@ class ProcProcessorStats : public ProcessorStats {
     std::optional<std::string> text = read_file(proc_dir_ + "/stat");
     if (!text) return EIO;
     std::vector<std::pair<int, ProcessorTicks>> found;
+    std::string damaged;
     for_each_line(*text, [&](std::string_view line) {
+      if (!damaged.empty()) return;
       if (line.size() < 4 || line.substr(0, 3) != "cpu" || line[3] < '0' || line[3] > '9') return;
       std::vector<std::string_view> f = split_fields(line);
       int number = 0;
-      if (f.size() < 5 || !parse_int(f[0].substr(3), &number) || number < 0) return;
-      ProcessorTicks t;
-      // The kernel's counters are 64-bit; the consumers expect 32-bit
-      // counters that wrap, so keep only the low 32 bits.
-      t.user = static_cast<uint32_t>(parse_u64(f[1]));
-      t.nice = static_cast<uint32_t>(parse_u64(f[2]));
-      t.system = static_cast<uint32_t>(parse_u64(f[3]));
-      t.idle = static_cast<uint32_t>(parse_u64(f[4]));
-      t.running = is_online(number);
-      found.emplace_back(number, t);
+      if (!parse_int(f[0].substr(3), &number) || number < 0) return;
+      std::optional<ProcessorTicks> t = ticks_of(f);
+      if (!t) {
+        damaged = std::string(line.substr(0, 80));
+        return;
+      }
+      t->running = is_online(number);
+      found.emplace_back(number, *t);
     });
+    // A processor whose line cannot be read would shift every later one
+    // into its place, so one damaged line makes the whole reading fail.
+    if (!damaged.empty()) {
+      log_error("hubwardend: unreadable processor line in " + proc_dir_ + "/stat: \"" + damaged + "\"");
+      return EIO;
+    }
     if (found.empty()) return EIO;
     std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     for (auto& [number, t] : found) ticks->push_back(t);
@@ -110,35 +137,6 @@ class ProcProcessorStats : public ProcessorStats {
 
   std::string proc_dir_;
   std::string sys_dir_;
-};
-
-// ---- interfaces ----
-
-class ProcInterfaceStats : public InterfaceStats {
- public:
-  explicit ProcInterfaceStats(std::string proc_dir) : proc_dir_(std::move(proc_dir)) {}
-
-  bool read(std::vector<InterfaceCounters>* interfaces) override {
-    interfaces->clear();
-    std::optional<std::string> text = read_file(proc_dir_ + "/net/dev");
-    if (!text) return false;
-    for_each_line(*text, [&](std::string_view line) {
-      size_t colon = line.find(':');
-      if (colon == std::string_view::npos) return;  // the two header lines
-      std::vector<std::string_view> name = split_fields(line.substr(0, colon));
-      std::vector<std::string_view> f = split_fields(line.substr(colon + 1));
-      if (name.size() != 1 || f.size() < 9) return;
-      InterfaceCounters c;
-      c.name = std::string(name[0]);
-      c.input_bytes = parse_u64(f[0]);
-      c.output_bytes = parse_u64(f[8]);
-      interfaces->push_back(std::move(c));
-    });
-    return true;
-  }
-
- private:
-  std::string proc_dir_;
 };
 
 // ---- volumes ----
@@ -195,40 +193,6 @@ std::string unescape_hex(std::string_view s) {
     out.push_back(s[i]);
   }
   return out;
-}
-
-bool is_valid_utf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    size_t extra;
-    uint32_t cp;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (s.size() - i <= extra) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      unsigned char cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    static const uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    i += extra + 1;
-  }
-  return true;
 }
 
 std::string basename_of(const std::string& path) {
@@ -445,10 +409,6 @@ class MountVolumes : public Volumes {
 
 std::unique_ptr<ProcessorStats> make_proc_processor_stats(std::string proc_dir, std::string sys_dir) {
   return std::make_unique<ProcProcessorStats>(std::move(proc_dir), std::move(sys_dir));
-}
-
-std::unique_ptr<InterfaceStats> make_proc_interface_stats(std::string proc_dir) {
-  return std::make_unique<ProcInterfaceStats>(std::move(proc_dir));
 }
 
 std::unique_ptr<Volumes> make_mount_volumes(std::string proc_dir, std::string sys_dir, std::string dev_dir) {

@@ -1,6 +1,6 @@
-// Linux load counters: processor ticks from /proc/stat, interface byte
-// counters from /proc/net/dev, and the mounted volumes from mountinfo with
-// statvfs. The directories are parameters so that tests can point the
+// Linux load counters: processor ticks from /proc/stat and the mounted
+// volumes from mountinfo with statvfs (interface counters are in
+// metered_interfaces.h). The directories are parameters so that tests can point the
 // readers at a prepared tree; production uses the defaults.
 //
 // Every object returned here is safe to call from several threads.
@@ -15,10 +15,11 @@ namespace platform {
 
 // One entry per "cpuN" line of proc_dir/stat, in processor order; running
 // follows sys_dir/devices/system/cpu/cpuN/online where that file exists.
+// Time waiting for I/O counts as idle; interrupt, soft-interrupt and stolen
+// time count as system. read() fails (EIO, with a log line) when the file
+// is unreadable, lists no processor, or holds a "cpuN" line with fewer than
+// four counters or a counter that is not a number.
 std::unique_ptr<ProcessorStats> make_proc_processor_stats(std::string proc_dir = "/proc", std::string sys_dir = "/sys");
-
-// Every interface of proc_dir/net/dev with its 64-bit byte counters.
-std::unique_ptr<InterfaceStats> make_proc_interface_stats(std::string proc_dir = "/proc");
 
 // The mounted file systems of proc_dir/self/mountinfo: index 1 is "/", then
 // the others in mount order, one entry per device. Labels come from
