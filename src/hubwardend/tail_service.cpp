@@ -1,4 +1,5 @@
-// Bounded reads of log files named by identifier.
+// Bounded reads of the system logs named by identifier, from their files
+// or from the journal.
 #include "hubwardend/tail_service.h"
 
 #include <errno.h>
@@ -9,7 +10,11 @@
 #include <algorithm>
 #include <limits>
 
+#include "hubwardend/log_file.h"
+#include "platform/linux/journal_log.h"
+#include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/registry.h"
 
 namespace hubwardend {
 namespace {
@@ -23,6 +28,31 @@ int64_t request_integer(const plist::Value* v) {
     return *u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? std::numeric_limits<int64_t>::max()
                                                                            : static_cast<int64_t>(*u);
   return v->to_int64().value_or(0);
+}
+
+// At most amount bytes of the regular file fd from offset (>= 0: from its
+// start, < 0: back from its end), both clamped to the file.
+TailWindow read_file_window(int fd, int64_t offset, int64_t amount) {
+  TailWindow window;
+  struct stat st;
+  const int64_t size = ::fstat(fd, &st) == 0 ? static_cast<int64_t>(st.st_size) : 0;
+  int64_t start;
+  if (offset >= 0)
+    start = std::min(offset, size);
+  else
+    start = offset <= -size ? 0 : size + offset;  // -size cannot overflow: size >= 0
+  window.offset = start;
+  window.bytes.resize(static_cast<size_t>(std::min(amount, size - start)));
+  size_t got = 0;
+  while (got < window.bytes.size()) {
+    ssize_t n = ::pread(fd, window.bytes.data() + got, window.bytes.size() - got,
+                        static_cast<off_t>(start) + static_cast<off_t>(got));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;  // the file shrank under us, or a read error: keep what we have
+    got += static_cast<size_t>(n);
+  }
+  window.bytes.resize(got);
+  return window;
 }
 
 void append_replacement(std::string& out) { out.append("\xEF\xBF\xBD"); }
@@ -80,51 +110,82 @@ std::string decode_utf8_lossy(std::string_view bytes) {
   return out;
 }
 
+FileTailService::FileTailService() : FileTailService(default_log_sources()) {}
+
+FileTailService::FileTailService(LogSources sources) : sources_(std::move(sources)), log_group_(log_group_id()) {}
+
 ErrorName FileTailService::tail(const std::string& identifier, const plist::Dict& log_paths,
                                 std::optional<std::string>* path, plist::Value* offset, plist::Value* amount,
                                 std::optional<std::string>* contents, plist::Dict*, const plist::Dict&) {
   const std::string* table_path = log_paths.find_string(identifier);
   if (!table_path || table_path->empty() || table_path->front() != '/') return kUnknownLogIdentifierErr;
 
-  const std::string file = platform::resolve(*table_path);
-  // O_NONBLOCK: a FIFO standing where a log should be must not hang the call.
-  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) return kLogFileNotFoundErr;
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
-    ::close(fd);
-    return kLogFileNotFoundErr;
+  // A log the configuration does not know is looked for where the module's
+  // table says it is, and nowhere else.
+  auto known = sources_.find(identifier);
+  const LogSource source = known != sources_.end() ? known->second : LogSource{{*table_path}, std::nullopt};
+
+  const int64_t wanted_offset = request_integer(offset);
+  const int64_t wanted_amount = std::clamp<int64_t>(request_integer(amount), 0, kMaxTailAmount);
+  TailWindow window;
+  std::string read_path;
+  const FileRead file = read_first_file(source.files, wanted_offset, wanted_amount, &window, &read_path);
+  if (file == FileRead::kRefused) return kLogFileNotFoundErr;
+  if (file == FileRead::kNone) {
+    if (!source.journal || !read_journal(*source.journal, wanted_offset, wanted_amount, &window))
+      return kLogFileNotFoundErr;
+    // The journal has no file name of its own; the console keeps the name
+    // it asked for.
+    read_path = *table_path;
   }
-  // Only regular files have a size to clamp against; anything else reads
-  // as empty rather than blocking or streaming without end.
-  const int64_t size = S_ISREG(st.st_mode) ? static_cast<int64_t>(st.st_size) : 0;
 
-  int64_t wanted_offset = request_integer(offset);
-  int64_t start;
-  if (wanted_offset >= 0)
-    start = std::min(wanted_offset, size);
-  else
-    start = wanted_offset <= -size ? 0 : size + wanted_offset;  // -size cannot overflow: size >= 0
-  int64_t wanted_amount = std::clamp<int64_t>(request_integer(amount), 0, kMaxTailAmount);
-  int64_t length = std::min(wanted_amount, size - start);
-
-  std::string bytes(static_cast<size_t>(length), '\0');
-  size_t got = 0;
-  while (got < bytes.size()) {
-    ssize_t n =
-        ::pread(fd, bytes.data() + got, bytes.size() - got, static_cast<off_t>(start) + static_cast<off_t>(got));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;  // the file shrank under us, or a read error: keep what we have
-    got += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  bytes.resize(got);
-
-  *path = *table_path;
-  *offset = plist::Value(static_cast<int64_t>(start));
-  *amount = plist::Value(static_cast<int64_t>(got));
-  *contents = decode_utf8_lossy(bytes);
+  *path = read_path;
+  *offset = plist::Value(window.offset);
+  *amount = plist::Value(static_cast<int64_t>(window.bytes.size()));
+  *contents = decode_utf8_lossy(window.bytes);
   return nullptr;
+}
+
+FileTailService::FileRead FileTailService::read_first_file(const std::vector<std::string>& files, int64_t offset,
+                                                           int64_t amount, TailWindow* window,
+                                                           std::string* read_path) const {
+  for (const std::string& file : files) {
+    LogFileOpen opened = open_log_file(file, log_group_);
+    if (opened.outcome == LogFileOpen::kMissing) continue;
+    if (opened.outcome == LogFileOpen::kRefused) {
+      // Whatever stands in the way is not skipped over: a later candidate
+      // or the journal would answer for a file someone tampered with.
+      platform::log_error("hubwardend: not serving " + file + " as a log: " + opened.reason);
+      return FileRead::kRefused;
+    }
+    *window = read_file_window(opened.fd.get(), offset, amount);
+    *read_path = file;
+    return FileRead::kRead;
+  }
+  return FileRead::kNone;
+}
+
+bool FileTailService::read_journal(const std::vector<std::string>& matches, int64_t offset, int64_t amount,
+                                   TailWindow* window) const {
+  std::string error;
+  std::unique_ptr<platform::JournalLog> journal;
+  if (platform::get<platform::Paths>().is_real_root()) {
+    journal = platform::JournalLog::open_system(&error);
+  } else {
+    // A sandbox has its own journal or none; the machine's is never read
+    // on its behalf.
+    platform::UniqueFd directory = open_confined_directory(kSandboxJournalDirectory);
+    if (!directory.valid()) return false;
+    journal = platform::JournalLog::open_directory(directory.release(), &error);
+  }
+  if (!journal || !journal->restrict_to(matches, &error)) {
+    platform::log_error("hubwardend: " + error);
+    return false;
+  }
+  platform::JournalWindow read = journal->read(offset, amount);
+  window->offset = read.offset;
+  window->bytes = std::move(read.bytes);
+  return true;
 }
 
 }  // namespace hubwardend

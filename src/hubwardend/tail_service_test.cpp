@@ -8,7 +8,10 @@
 #include <limits>
 #include <memory>
 
+#include "hubwardend/log_file.h"
 #include "platform/file_util.h"
+#include "platform/linux/journal_test_support.h"
+#include "platform/linux/unit_sandbox_test_support.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 
@@ -26,23 +29,14 @@ struct TailResult {
 class TailServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwardend-tail-XXXXXX").string();
-    root_ = ::mkdtemp(tmpl.data());
-    paths_ = std::make_unique<platform::Paths>(root_);
-    previous_ = platform::slot<platform::Paths>();
-    platform::install<platform::Paths>(paths_.get());
     table_.set("systemLog", "/var/log/system.log");
     table_.set("secureLog", "/var/log/secure.log");
+    table_.set("kernelLog", "/var/log/kernel.log");
     table_.set("relativeLog", "var/log/system.log");
-  }
-  void TearDown() override {
-    platform::install<platform::Paths>(previous_);
-    std::filesystem::remove_all(root_);
+    table_.set("plainLog", "/var/log/plain.log");
   }
 
-  void write_log(const std::string& contents) {
-    ASSERT_TRUE(platform::write_file_atomically(root_ + "/var/log/system.log", contents));
-  }
+  void write_log(const std::string& contents) { root_.write("/var/log/system.log", contents); }
 
   TailResult tail(const std::string& identifier, plist::Value offset, plist::Value amount) {
     TailResult r;
@@ -53,9 +47,7 @@ class TailServiceTest : public ::testing::Test {
     return r;
   }
 
-  std::string root_;
-  std::unique_ptr<platform::Paths> paths_;
-  platform::Paths* previous_ = nullptr;
+  platform::testing::UnitSandbox root_;
   plist::Dict table_;
   FileTailService service_;
 };
@@ -76,7 +68,7 @@ TEST_F(TailServiceTest, OnlyTableIdentifiersWithExistingFilesAreRead) {
   EXPECT_TRUE(same_error(missing.error, kLogFileNotFoundErr));
   EXPECT_FALSE(missing.contents);
 
-  ASSERT_TRUE(platform::make_directories(root_ + "/var/log/secure.log"));
+  ASSERT_TRUE(platform::make_directories(root_.path("/var/log/secure.log")));
   EXPECT_TRUE(same_error(tail("secureLog", 0, 10).error, kLogFileNotFoundErr)) << "a directory is no log";
 
   TailResult found = tail("systemLog", 0, 100);
@@ -148,6 +140,178 @@ TEST_F(TailServiceTest, InvalidUtf8IsReplacedNotDropped) {
   EXPECT_EQ(decode_utf8_lossy("a\xE2\x82"), "a" + fffd);                        // truncated at the end
   EXPECT_EQ(decode_utf8_lossy("\xE2\x82x"), fffd + "x");
   EXPECT_EQ(decode_utf8_lossy(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST_F(TailServiceTest, LogsComeFromTheFirstFilePresentElseTheSandboxJournal) {
+  // No file of its own: what rsyslog writes stands in, under its own name.
+  root_.write("/var/log/auth.log", "sshd: accepted\n");
+  TailResult auth = tail("secureLog", -9, 100);
+  ASSERT_EQ(auth.error, nullptr);
+  EXPECT_EQ(auth.path, "/var/log/auth.log");
+  EXPECT_EQ(auth.offset, plist::Value(6));
+  EXPECT_EQ(auth.contents, "accepted\n");
+  // A log the configuration does not know is read from the table's path only.
+  root_.write("/var/log/plain.log", "plain");
+  EXPECT_EQ(tail("plainLog", 0, 100).contents, "plain");
+
+  if (!platform::testing::have_journal_remote()) GTEST_SKIP() << "systemd-journal-remote is not installed";
+  const char* saved_tz = ::getenv("TZ");
+  std::string tz = saved_tz ? saved_tz : "";
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
+  ASSERT_TRUE(platform::make_directories(root_.path("/var/log/journal")));
+  const uint64_t t = 1700000000000000;  // Nov 14 22:13:20 UTC
+  ASSERT_TRUE(platform::testing::write_journal(
+      root_.path("/var/log/journal/system.journal"),
+      {{t,
+        {{"MESSAGE", "Accepted password"},
+         {"_HOSTNAME", "box"},
+         {"SYSLOG_IDENTIFIER", "sshd"},
+         {"SYSLOG_PID", "42"},
+         {"SYSLOG_FACILITY", "4"}}},
+       {t + 1000000,
+        {{"MESSAGE", "usb 1-1: new device"},
+         {"_HOSTNAME", "box"},
+         {"_TRANSPORT", "kernel"},
+         {"SYSLOG_IDENTIFIER", "kernel"}}},
+       {t + 2000000,
+        {{"MESSAGE", std::string("\xFF\0x", 3)},
+         {"_HOSTNAME", "box"},
+         {"SYSLOG_IDENTIFIER", "blob"},
+         {"SYSLOG_FACILITY", "10"}}},
+       {t + 3000000,
+        {{"MESSAGE", "caf\xC3"}, {"_HOSTNAME", "box"}, {"SYSLOG_IDENTIFIER", "su"}, {"SYSLOG_FACILITY", "10"}}}}));
+  ::unlink(root_.path("/var/log/auth.log").c_str());
+
+  const std::string secure =
+      "Nov 14 22:13:20 box sshd[42]: Accepted password\n"
+      "Nov 14 22:13:22 box blob: [3 bytes of binary data]\n"
+      "Nov 14 22:13:23 box su: caf\xC3\n";
+  TailResult all = tail("secureLog", 0, 1000);
+  ASSERT_EQ(all.error, nullptr);
+  EXPECT_EQ(all.path, "/var/log/secure.log") << "the journal keeps the name the console knows";
+  EXPECT_EQ(all.amount, plist::Value(static_cast<int64_t>(secure.size())));
+  EXPECT_EQ(all.contents, decode_utf8_lossy(secure));
+
+  // Counted from the end, in bytes of that rendering.
+  TailResult last = tail("secureLog", -12, 4);
+  EXPECT_EQ(last.offset, plist::Value(-12));
+  EXPECT_EQ(last.amount, plist::Value(4));
+  EXPECT_EQ(last.contents, secure.substr(secure.size() - 12, 4));
+  TailResult far = tail("secureLog", -100000, 20);
+  EXPECT_EQ(far.offset, plist::Value(0));
+  EXPECT_EQ(far.contents, secure.substr(0, 20));
+
+  EXPECT_EQ(tail("kernelLog", 0, 1000).contents, "Nov 14 22:13:21 box kernel: usb 1-1: new device\n");
+  // A file, once there, is preferred to the journal.
+  write_log("from the file\n");
+  EXPECT_EQ(tail("systemLog", 0, 1000).contents, "from the file\n");
+
+  // Without a journal entry in its source, a log has no journal to fall back on.
+  LogSources sources = default_log_sources();
+  sources["kernelLog"].journal.reset();
+  FileTailService no_journal(sources);
+  TailResult r;
+  plist::Dict context;
+  r.offset = 0;
+  r.amount = 10;
+  EXPECT_TRUE(same_error(
+      no_journal.tail("kernelLog", table_, &r.path, &r.offset, &r.amount, &r.contents, &context, plist::Dict()),
+      kLogFileNotFoundErr));
+
+  if (saved_tz)
+    ::setenv("TZ", tz.c_str(), 1);
+  else
+    ::unsetenv("TZ");
+  ::tzset();
+}
+
+TEST_F(TailServiceTest, LinksNeverLeadOutOfTheSandbox) {
+  // A secret outside the sandbox, reachable by a path that climbs out of it.
+  std::string outside = root_.path("") + "-outside";
+  ASSERT_TRUE(platform::write_file_atomically(outside + "/etc/shadow", "root:SECRET:19000::::::\n"));
+  const std::string climb = "../../../../../../../../../.." + outside + "/etc/shadow";
+  for (const std::string& target :
+       {climb, outside + "/etc/shadow", std::string("/proc/self/root") + outside + "/etc/shadow"}) {
+    root_.link("/var/log/secure.log", target);
+    TailResult r = tail("secureLog", 0, 1000);
+    EXPECT_TRUE(same_error(r.error, kLogFileNotFoundErr)) << target;
+    EXPECT_FALSE(r.contents && r.contents->find("SECRET") != std::string::npos) << target;
+  }
+  // A linked directory is resolved inside the sandbox too.
+  ::unlink(root_.path("/var/log/secure.log").c_str());
+  root_.link("/var/log/secure.log", "auth.log");
+  root_.link("/var/log/auth.log", outside + "/etc/shadow");
+  EXPECT_TRUE(same_error(tail("secureLog", 0, 1000).error, kLogFileNotFoundErr));
+  ::unlink(root_.path("/var/log/auth.log").c_str());
+  ::unlink(root_.path("/var/log/secure.log").c_str());
+  std::filesystem::remove_all(root_.path("/var/log"));
+  root_.link("/var/log", outside + "/etc");
+  EXPECT_TRUE(same_error(tail("systemLog", 0, 1000).error, kLogFileNotFoundErr));
+  std::filesystem::remove(root_.path("/var/log"));
+
+  // Inside the sandbox the same link text reaches the sandbox's own file,
+  // as it would at the real root.
+  root_.write("/etc/shadow", "sandbox shadow\n");
+  root_.link("/var/log/secure.log", "../../../../etc/shadow");
+  EXPECT_EQ(tail("secureLog", 0, 1000).contents, "sandbox shadow\n");
+  std::filesystem::remove_all(outside);
+}
+
+TEST_F(TailServiceTest, OnlyRegularFilesAreServedAndNothingBlocks) {
+  // A FIFO would block a plain open until a writer came; a refused file
+  // does not send the reader on to the next candidate either.
+  ASSERT_TRUE(platform::make_directories(root_.path("/var/log")));
+  ASSERT_EQ(::mkfifo(root_.path("/var/log/system.log").c_str(), 0600), 0);
+  root_.write("/var/log/syslog", "fallback\n");
+  TailResult fifo = tail("systemLog", 0, 100);
+  EXPECT_TRUE(same_error(fifo.error, kLogFileNotFoundErr));
+  EXPECT_FALSE(fifo.contents);
+  root_.link("/var/log/secure.log", "/dev/zero");  // missing in the sandbox: next candidate
+  root_.write("/var/log/auth.log", "auth\n");
+  EXPECT_EQ(tail("secureLog", 0, 100).contents, "auth\n");
+}
+
+TEST(LogFile, AtTheRealRootOnlyRootOrTheLogGroupOwnsALog) {
+  platform::Paths real("/");
+  platform::Paths* previous = platform::slot<platform::Paths>();
+  platform::install<platform::Paths>(&real);
+  std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-logfile-XXXXXX").string();
+  const std::string dir = ::mkdtemp(tmpl.data());
+  const std::string file = dir + "/x.log";
+  ASSERT_TRUE(platform::write_file_atomically(file, "log line\n"));
+  ASSERT_EQ(::symlink(file.c_str(), (dir + "/link.log").c_str()), 0);
+  const gid_t adm = log_group_id();
+
+  LogFileOpen link = open_log_file(dir + "/link.log", adm);
+  EXPECT_EQ(link.outcome, LogFileOpen::kRefused) << "no link as the last component";
+  EXPECT_EQ(open_log_file(dir + "/missing.log", adm).outcome, LogFileOpen::kMissing);
+
+  struct stat st {};
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kRefused) << "a user's own file";
+    if (adm != static_cast<gid_t>(-1)) {
+      ASSERT_EQ(::chown(file.c_str(), 65534, adm), 0);
+      EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kOpened) << "group adm, as rsyslog writes";
+    }
+    ASSERT_EQ(::chown(file.c_str(), 0, 65534), 0);
+    LogFileOpen opened = open_log_file(file, adm);
+    EXPECT_EQ(opened.outcome, LogFileOpen::kOpened);
+    EXPECT_TRUE(opened.fd.valid());
+  } else {
+    ASSERT_EQ(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(open_log_file(file, adm).outcome,
+              is_trusted_log_owner(st, adm) ? LogFileOpen::kOpened : LogFileOpen::kRefused);
+  }
+  st.st_uid = 1000;
+  st.st_gid = 1000;
+  EXPECT_FALSE(is_trusted_log_owner(st, static_cast<gid_t>(-1)));
+  st.st_gid = static_cast<gid_t>(-1);
+  EXPECT_FALSE(is_trusted_log_owner(st, static_cast<gid_t>(-1))) << "no log group matches nothing";
+
+  platform::install<platform::Paths>(previous);
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -13,8 +13,7 @@
 namespace platform {
 namespace {
 
-constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 // "Mmm dd hh:mm:ss" in local time, the day padded with a space.
 void append_timestamp(std::string& out, uint64_t realtime_usec) {
@@ -25,8 +24,8 @@ void append_timestamp(std::string& out, uint64_t realtime_usec) {
     return;
   }
   char text[32];
-  std::snprintf(text, sizeof text, "%s %2d %02d:%02d:%02d", kMonths[tm.tm_mon % 12], tm.tm_mday, tm.tm_hour,
-                tm.tm_min, tm.tm_sec);
+  std::snprintf(text, sizeof text, "%s %2d %02d:%02d:%02d", kMonths[tm.tm_mon % 12], tm.tm_mday, tm.tm_hour, tm.tm_min,
+                tm.tm_sec);
   out.append(text);
 }
 
@@ -138,7 +137,8 @@ bool JournalLog::restrict_to(const std::vector<std::string>& matches, std::strin
       *error = "not a journal match: \"" + match + "\"";
       return false;
     }
-    int r = match == "+" ? sd_journal_add_disjunction(journal_) : sd_journal_add_match(journal_, match.data(), match.size());
+    int r = match == "+" ? sd_journal_add_disjunction(journal_)
+                         : sd_journal_add_match(journal_, match.data(), match.size());
     if (r < 0) {
       *error = "journal refused match \"" + match + "\": " + std::strerror(-r);
       return false;
@@ -187,7 +187,8 @@ JournalWindow JournalLog::read(int64_t offset, int64_t amount) {
   // Counted from the end: a byte lies at distance d when d bytes, itself
   // included, follow from it to the end. The window holds the distances
   // (distance - amount, distance]; nearer ones are counted, not kept.
-  const int64_t distance = offset == std::numeric_limits<int64_t>::min() ? std::numeric_limits<int64_t>::max() : -offset;
+  const int64_t distance =
+      offset == std::numeric_limits<int64_t>::min() ? std::numeric_limits<int64_t>::max() : -offset;
   const int64_t nearest_kept = distance - amount;
   std::vector<std::string> pieces;  // newest first
   int64_t walked = 0;

@@ -167,8 +167,8 @@ TEST_F(JournalLogTest, MachineDirectoriesAndEmptyDirectoriesOpen) {
   // Journals keep their files in a directory named by the machine id.
   std::filesystem::create_directories(dir_ + "/journal/0123456789abcdef0123456789abcdef");
   std::filesystem::create_directories(dir_ + "/empty");
-  ASSERT_TRUE(testing::write_journal(dir_ + "/journal/0123456789abcdef0123456789abcdef/system.journal",
-                                     {sample_entries()[0]}));
+  ASSERT_TRUE(
+      testing::write_journal(dir_ + "/journal/0123456789abcdef0123456789abcdef/system.journal", {sample_entries()[0]}));
   auto nested = open(dir_ + "/journal");
   ASSERT_TRUE(nested);
   EXPECT_EQ(nested->read(0, 1000).bytes, kLines[0]);
