@@ -45,7 +45,7 @@ Host::Host(const std::string& root, std::string default_user, plist::Dict* conte
   modules_ = own<platform::ModuleManager>(std::make_unique<HostModuleManager>(context));
   queue_ = own<platform::BackgroundQueue>(std::make_unique<ThreadBackgroundQueue>());
   own<platform::Network>(std::make_unique<LinuxNetwork>());
-  own<platform::TailService>(std::make_unique<FileTailService>());
+  own<platform::TailService>(std::make_unique<FileTailService>(load_log_sources()));
 
   install_linux_services();
 }
