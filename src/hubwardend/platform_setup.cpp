@@ -7,6 +7,7 @@
 #include "hubwardend/tail_service.h"
 #include "platform/linux/basics.h"
 #include "platform/linux/directory_store.h"
+#include "platform/linux/host_paths.h"
 #include "platform/linux/meters_linux.h"
 #include "platform/linux/metered_interfaces.h"
 #include "platform/linux/proc_process_table.h"
@@ -36,10 +37,11 @@ void Host::own_shared(std::shared_ptr<Impl> impl) {
 }
 
 Host::Host(const std::string& root, std::string default_user, plist::Dict* context) {
-  // Paths first: every later factory may resolve files under the root.
-  own<platform::Paths>(std::make_unique<platform::Paths>(root));
-  // The log next, so that the rest can report failures.
+  // The log first, so that the rest (the prefix table included) can report
+  // failures; syslog needs no file under the root.
   own<platform::Log>(platform::make_syslog_log());
+  // Paths next: every later factory may resolve files under the root.
+  own<platform::Paths>(std::make_unique<platform::Paths>(root, platform::load_path_map(root)));
 
   requester_ = own<platform::Requester>(std::make_unique<HostRequester>(std::move(default_user)));
   modules_ = own<platform::ModuleManager>(std::make_unique<HostModuleManager>(context));

@@ -25,7 +25,7 @@ struct InterfaceCounters {
   uint64_t output_bytes = 0;
   // The kernel's own name ("enp3s0", "bond0") where it differs from name;
   // empty otherwise. Anything that shows interfaces to people pairs the two.
-  std::string system_name;
+  std::string system_name{};
 };
 
 struct VolumeInfo {
