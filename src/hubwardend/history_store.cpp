@@ -1,13 +1,20 @@
-// The SQLite history service: storage of load samples, time-span queries
-// with thinning, and the roll-up that keeps the database bounded.
+// The SQLite history service: samples folded into consolidation tiers,
+// tier-by-tier time-span queries, schema migrations, and the pruning that
+// keeps the database bounded.
 #include "hubwardend/history_store.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <stdio.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <mutex>
 #include <string_view>
@@ -22,61 +29,142 @@ namespace hubwardend {
 
 namespace {
 
+using history::kTierCount;
+
 constexpr int kValueCount = 18;
-constexpr int64_t kMinute = 60;
-constexpr int64_t kHour = 3600;
-constexpr int64_t kDay = 86400;
-constexpr int64_t kFullResolutionAge = 7 * kDay;
-constexpr int64_t kMinuteResolutionAge = 30 * kDay;
-constexpr int64_t kRetention = 365 * kDay;
-constexpr double kLongestTimeScale = 100.0 * 365 * kDay;
+constexpr double kLongestTimeScale = 100.0 * 365 * history::kDay;
+// Far enough for any clock, near enough that bucket arithmetic cannot
+// overflow.
+constexpr int64_t kFarthestSecond = int64_t{1} << 50;
 
-// ", v1, v2, ..." or, averaged, ", <rounded average of v1>, ...".
-std::string value_columns(bool averaged) {
-  std::string out;
-  for (int n = 1; n <= kValueCount; ++n) {
-    std::string column = "v" + std::to_string(n);
-    // The values are non-negative integers; round the average to one.
-    out += averaged ? ", CAST(AVG(" + column + ") + 0.5 AS INTEGER)" : ", " + column;
-  }
-  return out;
-}
+// Column lists spelled out by the preprocessor, so that every statement
+// below is one literal.
+#define HW_EACH_VALUE(X) \
+  X(1) X(2) X(3) X(4) X(5) X(6) X(7) X(8) X(9) X(10) X(11) X(12) X(13) X(14) X(15) X(16) X(17) X(18)
+#define HW_OLD_VALUE_DECL(n) ", v" #n " INTEGER"
+#define HW_SUM_DECL(n) ", s" #n " INTEGER"
+#define HW_COUNT_DECL(n) ", c" #n " INTEGER NOT NULL DEFAULT 0"
+#define HW_SUM(n) ", s" #n
+#define HW_COUNT(n) ", c" #n
+#define HW_PARAM(n) ", :v" #n
+#define HW_PARAM_PRESENT(n) ", :v" #n " IS NOT NULL"
+#define HW_ADD_SUM(n) ", s" #n " = coalesce(s" #n " + excluded.s" #n ", s" #n ", excluded.s" #n ")"
+#define HW_ADD_COUNT(n) ", c" #n " = c" #n " + excluded.c" #n
+#define HW_OLD_SUM(n) ", CASE WHEN COUNT(v" #n ") > 0 THEN CAST(TOTAL(v" #n ") AS INTEGER) END"
+#define HW_OLD_COUNT(n) ", COUNT(v" #n ")"
 
-std::string schema_sql() {
-  std::string columns;
-  for (int n = 1; n <= kValueCount; ++n) columns += ", v" + std::to_string(n) + " INTEGER";
-  // span is 0 for a single sample, else the width in seconds of the
-  // interval that the row averages.
-  return "CREATE TABLE IF NOT EXISTS samples (t INTEGER NOT NULL, span INTEGER NOT NULL DEFAULT 0" + columns +
-         ");"
-         "CREATE INDEX IF NOT EXISTS samples_by_time ON samples(t);"
-         "CREATE INDEX IF NOT EXISTS samples_by_span ON samples(span, t);";
-}
+// Every statement the store runs, by id. Schema scripts run whole; the
+// others are prepared one at a time.
+enum class Sql : int {
+  kConfigure,
+  kReadVersion,
+  kBegin,
+  kCommit,
+  kRollback,
+  kCreateSampleTable,
+  kCreatePointTable,
+  kFoldSamplesIntoPoints,
+  kDropSampleTable,
+  kAddSample,
+  kSelectTier,
+  kPruneTier,
+  kCount,
+};
 
-std::string insert_sql() {
-  std::string params;
-  for (int n = 1; n <= kValueCount; ++n) params += ", ?" + std::to_string(n + 1);
-  return "INSERT INTO samples(t, span" + value_columns(false) + ") VALUES(?1, 0" + params + ")";
-}
+struct SqlText {
+  Sql id;
+  const char* text;
+};
 
-// Rows of resolution `from` older than ?1 become averages over `width`.
-std::string rollup_sql(int64_t from, int64_t width) {
-  std::string w = std::to_string(width);
-  return "INSERT INTO samples(t, span" + value_columns(false) + ") SELECT (t / " + w + ") * " + w + ", " + w +
-         value_columns(true) + " FROM samples WHERE span = " + std::to_string(from) + " AND t < ?1 GROUP BY t / " + w;
+// A point of the tiers: sums and counts per value, not averages, so that
+// folding in one more sample keeps every average exact. A value is summed
+// and counted only where a sample had it.
+// clang-format off
+constexpr SqlText kSql[] = {
+    {Sql::kConfigure, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"},
+    {Sql::kReadVersion, "PRAGMA user_version"},
+    {Sql::kBegin, "BEGIN IMMEDIATE"},
+    {Sql::kCommit, "COMMIT"},
+    {Sql::kRollback, "ROLLBACK"},
+    // Version 1, the layout before tiers: one row per sample (span 0) or
+    // per rolled-up average over span seconds starting at t. A new file
+    // passes through it so that there is one upgrade path.
+    {Sql::kCreateSampleTable,
+     "CREATE TABLE IF NOT EXISTS samples (t INTEGER NOT NULL, span INTEGER NOT NULL DEFAULT 0"
+         HW_EACH_VALUE(HW_OLD_VALUE_DECL) ");"
+     "PRAGMA user_version = 1;"},
+    // Version 2: the consolidation tiers.
+    {Sql::kCreatePointTable,
+     "CREATE TABLE points (tier INTEGER NOT NULL, t INTEGER NOT NULL, n INTEGER NOT NULL"
+         HW_EACH_VALUE(HW_SUM_DECL) HW_EACH_VALUE(HW_COUNT_DECL) ","
+     " PRIMARY KEY (tier, t)) WITHOUT ROWID"},
+    // ?1..?5: the tiers' steps. An old row counts as one sample taken in
+    // the middle of the span it covers.
+    {Sql::kFoldSamplesIntoPoints,
+     "INSERT INTO points(tier, t, n" HW_EACH_VALUE(HW_SUM) HW_EACH_VALUE(HW_COUNT) ")"
+     " SELECT tiers.column1,"
+     " ((samples.t + samples.span / 2 + tiers.column2 - 1) / tiers.column2) * tiers.column2,"
+     " COUNT(*)" HW_EACH_VALUE(HW_OLD_SUM) HW_EACH_VALUE(HW_OLD_COUNT)
+     " FROM samples, (VALUES (0, ?1), (1, ?2), (2, ?3), (3, ?4), (4, ?5)) AS tiers"
+     " GROUP BY 1, 2"},
+    {Sql::kDropSampleTable, "DROP TABLE samples; PRAGMA user_version = 2;"},
+    // ?1..?5: the bucket ends of the sample in each tier; :v1..:v18 its
+    // values, NULL where missing.
+    {Sql::kAddSample,
+     "WITH ends(tier, t) AS (VALUES (0, ?1), (1, ?2), (2, ?3), (3, ?4), (4, ?5))"
+     " INSERT INTO points(tier, t, n" HW_EACH_VALUE(HW_SUM) HW_EACH_VALUE(HW_COUNT) ")"
+     " SELECT tier, t, 1" HW_EACH_VALUE(HW_PARAM) HW_EACH_VALUE(HW_PARAM_PRESENT) " FROM ends WHERE true"
+     " ON CONFLICT(tier, t) DO UPDATE SET n = n + 1" HW_EACH_VALUE(HW_ADD_SUM) HW_EACH_VALUE(HW_ADD_COUNT)},
+    // ?1 tier, bucket ends in (?2, ?3] and not before ?4.
+    {Sql::kSelectTier,
+     "SELECT t" HW_EACH_VALUE(HW_SUM) HW_EACH_VALUE(HW_COUNT) " FROM points"
+     " WHERE tier = ?1 AND t > ?2 AND t <= ?3 AND t >= ?4 ORDER BY t"},
+    {Sql::kPruneTier, "DELETE FROM points WHERE tier = ?1 AND t <= ?2"},
+};
+// clang-format on
+#undef HW_EACH_VALUE
+#undef HW_OLD_VALUE_DECL
+#undef HW_SUM_DECL
+#undef HW_COUNT_DECL
+#undef HW_SUM
+#undef HW_COUNT
+#undef HW_PARAM
+#undef HW_PARAM_PRESENT
+#undef HW_ADD_SUM
+#undef HW_ADD_COUNT
+#undef HW_OLD_SUM
+#undef HW_OLD_COUNT
+
+constexpr bool ids_match_positions() {
+  for (size_t i = 0; i < std::size(kSql); ++i)
+    if (static_cast<size_t>(kSql[i].id) != i) return false;
+  return true;
 }
+static_assert(std::size(kSql) == static_cast<size_t>(Sql::kCount), "one statement per id");
+static_assert(ids_match_positions(), "statements must be listed in the order of their ids");
+static_assert(kTierCount == 5, "the tier lists in the statements name five tiers");
+static_assert(
+    std::string_view(kSql[static_cast<size_t>(Sql::kDropSampleTable)].text).ends_with("PRAGMA user_version = 2;") &&
+        kHistorySchemaVersion == 2,
+    "the last upgrade step must set the version this host writes");
+
+constexpr const char* sql(Sql id) { return kSql[static_cast<size_t>(id)].text; }
 
 double system_now() {
   using namespace std::chrono;
   return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
-int64_t floor_to(int64_t t, int64_t unit) { return t - ((t % unit) + unit) % unit; }
+double now_from(const HistoryStoreOptions& options) {
+  if (options.clock) return options.clock();
+  if (platform::has<platform::Clock>()) return platform::get<platform::Clock>().now();
+  return system_now();
+}
 
 int64_t whole_seconds(double t) {
   if (!(t == t)) return 0;
-  if (t <= static_cast<double>(std::numeric_limits<int64_t>::min())) return std::numeric_limits<int64_t>::min();
-  if (t >= static_cast<double>(std::numeric_limits<int64_t>::max())) return std::numeric_limits<int64_t>::max();
+  if (t <= static_cast<double>(-kFarthestSecond)) return -kFarthestSecond;
+  if (t >= static_cast<double>(kFarthestSecond)) return kFarthestSecond;
   return static_cast<int64_t>(std::floor(t));
 }
 
@@ -93,9 +181,7 @@ std::vector<int> requested_columns(const plist::Value* variant) {
       n = n * 10 + (c - '0');
     }
     if (n < 1 || n > kValueCount) return;
-    for (int existing : columns)
-      if (existing == n) return;
-    columns.push_back(n);
+    if (std::find(columns.begin(), columns.end(), n) == columns.end()) columns.push_back(n);
   };
   if (variant) {
     if (const std::string* s = variant->as_string()) {
@@ -120,22 +206,33 @@ void log_failure(const std::string& line) {
   if (platform::has<platform::Log>()) platform::log_error("hubwardend: history: " + line);
 }
 
-class Statement {
- public:
-  Statement() = default;
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  ~Statement() { sqlite3_finalize(stmt_); }
+void log_notice(const std::string& line) {
+  if (platform::has<platform::Log>()) platform::log_notice("hubwardend: history: " + line);
+}
 
-  bool prepare(sqlite3* db, const std::string& sql) {
-    return sqlite3_prepare_v3(db, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &stmt_, nullptr) == SQLITE_OK;
+bool is_damage(int rc) { return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT; }
+
+class Prepared {
+ public:
+  Prepared() = default;
+  Prepared(const Prepared&) = delete;
+  Prepared& operator=(const Prepared&) = delete;
+  ~Prepared() { finalize(); }
+
+  void finalize() {
+    sqlite3_finalize(stmt_);
+    stmt_ = nullptr;
+  }
+
+  int prepare(sqlite3* db, Sql id, unsigned flags = 0) {
+    return sqlite3_prepare_v3(db, sql(id), -1, flags, &stmt_, nullptr);
   }
   sqlite3_stmt* get() const { return stmt_; }
-  // Runs a statement that returns no rows; true on success.
-  bool run() {
+  // Runs a statement that returns no rows; SQLITE_DONE on success.
+  int run() {
     int rc = sqlite3_step(stmt_);
     sqlite3_reset(stmt_);
-    return rc == SQLITE_DONE;
+    return rc;
   }
 
  private:
@@ -146,71 +243,69 @@ class Statement {
 class ResetOnExit {
  public:
   explicit ResetOnExit(sqlite3_stmt* s) : s_(s) {}
-  ~ResetOnExit() {
-    sqlite3_reset(s_);
-    sqlite3_clear_bindings(s_);
-  }
+  ~ResetOnExit() { sqlite3_reset(s_); }
 
  private:
   sqlite3_stmt* s_;
 };
 
+// The rounded average of value n of the point the statement is on, or ""
+// when no sample of the point had the value.
+plist::Value average_of(sqlite3_stmt* point, int n) {
+  int64_t count = sqlite3_column_int64(point, kValueCount + n);
+  int type = sqlite3_column_type(point, n);
+  if (count <= 0 || type == SQLITE_NULL) return plist::Value("");
+  if (type == SQLITE_INTEGER) {
+    __int128 sum = std::max<int64_t>(sqlite3_column_int64(point, n), 0);
+    return plist::Value(static_cast<uint64_t>((sum + count / 2) / count));
+  }
+  // SQLite turns a sum that outgrows 64 bits into a real.
+  double average = sqlite3_column_double(point, n) / static_cast<double>(count);
+  if (!(average > 0)) return plist::Value(uint64_t{0});
+  if (average >= 18446744073709551615.0) return plist::Value(std::numeric_limits<uint64_t>::max());
+  return plist::Value(static_cast<uint64_t>(average + 0.5));
+}
+
 class HistoryStore : public platform::HistoryService {
  public:
-  HistoryStore(sqlite3* db, HistoryStoreOptions options)
-      : db_(db), options_(std::move(options)), updates_until_prune_(0) {
-    if (options_.max_points == 0) options_.max_points = 1;
-  }
+  HistoryStore(sqlite3* db, HistoryStoreOptions options) : db_(db), options_(std::move(options)) {}
   ~HistoryStore() override {
     // Statements must be finalized before the connection closes.
-    statements_.clear();
+    for (Prepared& p : prepared_) p.finalize();
     sqlite3_close(db_);
   }
 
   bool prepare(std::string* error) {
-    const std::string sql[] = {
-        insert_sql(),
-        "SELECT COUNT(*), MIN(t), MAX(t) FROM samples WHERE t >= ?1",
-        "SELECT t" + value_columns(false) + " FROM samples WHERE t >= ?1 ORDER BY t",
-        "SELECT CAST(AVG(t) AS INTEGER)" + value_columns(true) +
-            " FROM samples WHERE t >= ?1 GROUP BY (t - ?2) / ?3 ORDER BY MIN(t)",
-        rollup_sql(0, kMinute),
-        "DELETE FROM samples WHERE span = 0 AND t < ?1",
-        rollup_sql(kMinute, kHour),
-        "DELETE FROM samples WHERE span = " + std::to_string(kMinute) + " AND t < ?1",
-        "DELETE FROM samples WHERE t < ?1",
-        "BEGIN IMMEDIATE",
-        "COMMIT",
-        "ROLLBACK",
-    };
-    for (const std::string& s : sql) {
-      statements_.push_back(std::make_unique<Statement>());
-      if (!statements_.back()->prepare(db_, s)) {
+    for (Sql id : {Sql::kBegin, Sql::kCommit, Sql::kRollback, Sql::kAddSample, Sql::kSelectTier, Sql::kPruneTier}) {
+      if (prepared_[static_cast<size_t>(id)].prepare(db_, id, SQLITE_PREPARE_PERSISTENT) != SQLITE_OK) {
         if (error) *error = sqlite3_errmsg(db_);
         return false;
       }
     }
+    for (int n = 1; n <= kValueCount; ++n)
+      value_params_[n - 1] = sqlite3_bind_parameter_index(stmt(Sql::kAddSample), (":v" + std::to_string(n)).c_str());
     return true;
   }
 
   ErrorName update(const plist::Array& sample, plist::Dict*) override {
     std::lock_guard<std::mutex> lock(mu_);
-    int64_t now = whole_seconds(now_seconds());
-    sqlite3_stmt* insert = stmt(kInsert);
-    ResetOnExit reset(insert);
-    sqlite3_bind_int64(insert, 1, now);
+    int64_t now = whole_seconds(now_from(options_));
+    sqlite3_stmt* add = stmt(Sql::kAddSample);
+    ResetOnExit reset(add);
+    for (size_t k = 0; k < kTierCount; ++k)
+      sqlite3_bind_int64(add, static_cast<int>(k) + 1, history::bucket_end(k, now));
     for (int i = 0; i < kValueCount; ++i) {
       const plist::Value* v = static_cast<size_t>(i) < sample.size() ? &sample[static_cast<size_t>(i)] : nullptr;
       std::optional<uint64_t> n = v && v->is_number() ? v->to_uint64() : std::nullopt;
       if (n) {
         // SQLite integers are signed; no meter comes near the limit.
         uint64_t clamped = std::min<uint64_t>(*n, static_cast<uint64_t>(std::numeric_limits<int64_t>::max()));
-        sqlite3_bind_int64(insert, i + 2, static_cast<int64_t>(clamped));
+        sqlite3_bind_int64(add, value_params_[i], static_cast<int64_t>(clamped));
       } else {
-        sqlite3_bind_null(insert, i + 2);
+        sqlite3_bind_null(add, value_params_[i]);
       }
     }
-    if (sqlite3_step(insert) != SQLITE_DONE) {
+    if (sqlite3_step(add) != SQLITE_DONE) {
       log_failure(std::string("cannot store a sample: ") + sqlite3_errmsg(db_));
       return kHistoryWriteErr;
     }
@@ -227,133 +322,190 @@ class HistoryStore : public platform::HistoryService {
     std::optional<double> scale = time_scale.is_number() ? time_scale.to_double() : std::nullopt;
     if (!scale || !(*scale >= 0)) return nullptr;
     std::vector<int> columns = requested_columns(variant);
-
-    std::lock_guard<std::mutex> lock(mu_);
-    double now = now_seconds();
-    // Samples carry whole seconds, so the span is measured from the whole
-    // second of now, as the module's server time is.
-    int64_t since = whole_seconds(std::ceil(std::floor(now) - std::min(*scale, kLongestTimeScale)));
-
-    int64_t count = 0, first = 0, last = 0;
-    {
-      sqlite3_stmt* range = stmt(kRange);
-      ResetOnExit reset(range);
-      sqlite3_bind_int64(range, 1, since);
-      if (sqlite3_step(range) != SQLITE_ROW) return read_failed();
-      count = sqlite3_column_int64(range, 0);
-      first = sqlite3_column_int64(range, 1);
-      last = sqlite3_column_int64(range, 2);
-    }
-    if (count == 0) return nullptr;
-
-    sqlite3_stmt* query;
-    int64_t max_points = static_cast<int64_t>(options_.max_points);
-    if (count <= max_points) {
-      query = stmt(kSelect);
-      sqlite3_bind_int64(query, 1, since);
-    } else {
-      // Buckets are as wide as needed for the span actually covered, so
-      // there are never more than max_points of them.
-      uint64_t covered = static_cast<uint64_t>(last) - static_cast<uint64_t>(first) + 1;
-      uint64_t width = (covered + static_cast<uint64_t>(max_points) - 1) / static_cast<uint64_t>(max_points);
-      query = stmt(kSelectThinned);
-      sqlite3_bind_int64(query, 1, since);
-      sqlite3_bind_int64(query, 2, first);
-      sqlite3_bind_int64(query, 3, static_cast<int64_t>(std::max<uint64_t>(width, 1)));
-    }
-    ResetOnExit reset(query);
-    plist::Array out;
-    out.reserve(static_cast<size_t>(std::min(count, max_points)));
     static const std::vector<std::string> kKeys = [] {
       std::vector<std::string> keys;
       for (int n = 0; n <= kValueCount; ++n) keys.push_back("v" + std::to_string(n));
       return keys;
     }();
-    int rc;
-    while ((rc = sqlite3_step(query)) == SQLITE_ROW) {
-      plist::Dict sample;
-      sample.set("t", plist::Value(static_cast<int64_t>(sqlite3_column_int64(query, 0))));
-      for (int n : columns) {
-        if (sqlite3_column_type(query, n) == SQLITE_NULL) {
-          sample.set(kKeys[static_cast<size_t>(n)], plist::Value(""));
-        } else {
-          int64_t v = sqlite3_column_int64(query, n);
-          sample.set(kKeys[static_cast<size_t>(n)], plist::Value(static_cast<uint64_t>(std::max<int64_t>(v, 0))));
-        }
+
+    std::lock_guard<std::mutex> lock(mu_);
+    int64_t now = whole_seconds(now_from(options_));
+    // Points carry whole seconds, so the span is measured from the whole
+    // second of now, as the module's server time is.
+    int64_t since = whole_seconds(std::ceil(static_cast<double>(now) - std::min(*scale, kLongestTimeScale)));
+
+    plist::Array out;
+    sqlite3_stmt* query = stmt(Sql::kSelectTier);
+    for (size_t k = kTierCount; k-- > 0;) {
+      int64_t through = history::through(k, now);
+      if (since > through) continue;
+      ResetOnExit reset(query);
+      sqlite3_bind_int64(query, 1, static_cast<int64_t>(k));
+      sqlite3_bind_int64(query, 2, history::after(k, now));
+      sqlite3_bind_int64(query, 3, through);
+      sqlite3_bind_int64(query, 4, since);
+      int rc;
+      while ((rc = sqlite3_step(query)) == SQLITE_ROW) {
+        plist::Dict point;
+        point.reserve(columns.size() + 1);
+        point.set("t", plist::Value(static_cast<int64_t>(sqlite3_column_int64(query, 0))));
+        for (int n : columns) point.set(kKeys[static_cast<size_t>(n)], average_of(query, n));
+        out.push_back(std::move(point));
       }
-      out.push_back(std::move(sample));
+      if (rc != SQLITE_DONE) return read_failed();
     }
-    if (rc != SQLITE_DONE) return read_failed();
     if (!out.empty()) *samples = std::move(out);
     return nullptr;
   }
 
  private:
-  enum StatementId {
-    kInsert,
-    kRange,
-    kSelect,
-    kSelectThinned,
-    kRollupToMinutes,
-    kDeleteRolledSamples,
-    kRollupToHours,
-    kDeleteRolledMinutes,
-    kDeleteExpired,
-    kBegin,
-    kCommit,
-    kRollback,
-  };
-
-  sqlite3_stmt* stmt(StatementId id) { return statements_[id]->get(); }
-
-  double now_seconds() {
-    if (options_.clock) return options_.clock();
-    if (platform::has<platform::Clock>()) return platform::get<platform::Clock>().now();
-    return system_now();
-  }
+  sqlite3_stmt* stmt(Sql id) { return prepared_[static_cast<size_t>(id)].get(); }
 
   ErrorName read_failed() {
     log_failure(std::string("cannot read samples: ") + sqlite3_errmsg(db_));
     return kHistoryReadErr;
   }
 
-  // Cut-offs are whole buckets, so no minute or hour is split between a
-  // roll-up and the next one.
+  // Drops the points no tier answers for any more. Coarser tiers hold the
+  // same samples, so only the last tier's cut loses anything.
   void prune(int64_t now) {
-    if (now < kRetention) return;  // a clock this far off would erase everything
-    if (!statements_[kBegin]->run()) return;
-    bool ok = run_with_cutoff(kRollupToMinutes, floor_to(now - kFullResolutionAge, kMinute)) &&
-              run_with_cutoff(kDeleteRolledSamples, floor_to(now - kFullResolutionAge, kMinute)) &&
-              run_with_cutoff(kRollupToHours, floor_to(now - kMinuteResolutionAge, kHour)) &&
-              run_with_cutoff(kDeleteRolledMinutes, floor_to(now - kMinuteResolutionAge, kHour)) &&
-              run_with_cutoff(kDeleteExpired, now - kRetention);
-    if (ok && statements_[kCommit]->run()) return;
-    log_failure(std::string("cannot roll up old samples: ") + sqlite3_errmsg(db_));
-    statements_[kRollback]->run();
-  }
-
-  bool run_with_cutoff(StatementId id, int64_t cutoff) {
-    sqlite3_stmt* s = stmt(id);
-    ResetOnExit reset(s);
-    sqlite3_bind_int64(s, 1, cutoff);
-    return sqlite3_step(s) == SQLITE_DONE;
+    if (now < history::kRetention) return;  // a clock this far off would erase everything
+    if (prepared_[static_cast<size_t>(Sql::kBegin)].run() != SQLITE_DONE) return;
+    bool ok = true;
+    sqlite3_stmt* remove = stmt(Sql::kPruneTier);
+    for (size_t k = 0; ok && k < kTierCount; ++k) {
+      ResetOnExit reset(remove);
+      sqlite3_bind_int64(remove, 1, static_cast<int64_t>(k));
+      sqlite3_bind_int64(remove, 2, history::after(k, now));
+      ok = sqlite3_step(remove) == SQLITE_DONE;
+    }
+    if (ok && prepared_[static_cast<size_t>(Sql::kCommit)].run() == SQLITE_DONE) return;
+    log_failure(std::string("cannot drop old points: ") + sqlite3_errmsg(db_));
+    prepared_[static_cast<size_t>(Sql::kRollback)].run();
   }
 
   sqlite3* db_;
   HistoryStoreOptions options_;
   std::mutex mu_;
-  std::vector<std::unique_ptr<Statement>> statements_;
-  int updates_until_prune_;
+  Prepared prepared_[static_cast<size_t>(Sql::kCount)];
+  int value_params_[kValueCount] = {};
+  int updates_until_prune_ = 0;
 };
 
-// Opens the connection and brings the schema up to date. Returns the
-// SQLite result code; *db is set (possibly to a failed handle to close).
-int open_database(const std::string& path, sqlite3** db) {
-  int rc = sqlite3_open_v2(path.c_str(), db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+int read_version(sqlite3* db, int* version) {
+  Prepared read;
+  int rc = read.prepare(db, Sql::kReadVersion);
   if (rc != SQLITE_OK) return rc;
-  sqlite3_busy_timeout(*db, 5000);
-  const std::string setup = "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; " + schema_sql();
-  return sqlite3_exec(*db, setup.c_str(), nullptr, nullptr, nullptr);
+  rc = sqlite3_step(read.get());
+  if (rc != SQLITE_ROW) return rc;
+  *version = sqlite3_column_int(read.get(), 0);
+  return SQLITE_OK;
+}
+
+// Brings the schema from version - 1 to version, inside the caller's
+// transaction. Returns an SQLite result code.
+int upgrade_to(sqlite3* db, int version) {
+  switch (version) {
+    case 1:
+      return sqlite3_exec(db, sql(Sql::kCreateSampleTable), nullptr, nullptr, nullptr);
+    case 2: {
+      int rc = sqlite3_exec(db, sql(Sql::kCreatePointTable), nullptr, nullptr, nullptr);
+      if (rc != SQLITE_OK) return rc;
+      Prepared fold;
+      if ((rc = fold.prepare(db, Sql::kFoldSamplesIntoPoints)) != SQLITE_OK) return rc;
+      for (size_t k = 0; k < kTierCount; ++k)
+        sqlite3_bind_int64(fold.get(), static_cast<int>(k) + 1, history::kTiers[k].step);
+      if ((rc = fold.run()) != SQLITE_DONE) return rc;
+      return sqlite3_exec(db, sql(Sql::kDropSampleTable), nullptr, nullptr, nullptr);
+    }
+  }
+  return SQLITE_INTERNAL;
+}
+
+enum class Opened {
+  kReady,    // *db is usable at the current schema version
+  kDamaged,  // the file is not a database, or a damaged one
+  kNewer,    // written by a newer host; left as it was
+  kFailed,   // any other failure; nothing was changed
+};
+
+Opened classify(int rc) { return is_damage(rc) ? Opened::kDamaged : Opened::kFailed; }
+
+// All steps run in one transaction, so a failure or a crash leaves the
+// file as it was. The version is read again under the write lock because
+// another process may have upgraded the file meanwhile.
+Opened upgrade(sqlite3* db, int version, std::string* error) {
+  int from = version;
+  int rc = sqlite3_exec(db, sql(Sql::kBegin), nullptr, nullptr, nullptr);
+  if (rc == SQLITE_OK) rc = read_version(db, &version);
+  for (int next = version + 1; rc == SQLITE_OK && next <= kHistorySchemaVersion; ++next) {
+    rc = upgrade_to(db, next);
+    if (rc == SQLITE_DONE) rc = SQLITE_OK;
+  }
+  if (rc == SQLITE_OK) rc = read_version(db, &version);
+  if (rc == SQLITE_OK && version != kHistorySchemaVersion) rc = SQLITE_INTERNAL;  // a step forgot its version
+  if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql(Sql::kCommit), nullptr, nullptr, nullptr);
+  if (rc != SQLITE_OK) {
+    *error = "cannot upgrade from version " + std::to_string(from) + ": " + sqlite3_errmsg(db);
+    sqlite3_exec(db, sql(Sql::kRollback), nullptr, nullptr, nullptr);
+    return classify(rc);
+  }
+  log_notice("upgraded the database from version " + std::to_string(from) + " to " + std::to_string(version));
+  return Opened::kReady;
+}
+
+// Opens the connection and brings the schema up to date. *db is set, to a
+// handle the caller closes whatever the outcome. A file from a newer host
+// is recognised before anything is written to it.
+Opened open_database(const std::string& path, sqlite3** db, std::string* error) {
+  int version = 0;
+  int rc = sqlite3_open_v2(path.c_str(), db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(*db, 5000);
+    rc = read_version(*db, &version);
+  }
+  if (rc == SQLITE_OK && version > kHistorySchemaVersion) {
+    *error = "the database is at version " + std::to_string(version) + ", newer than this host's " +
+             std::to_string(kHistorySchemaVersion) + "; left as it is";
+    return Opened::kNewer;
+  }
+  if (rc == SQLITE_OK) rc = sqlite3_exec(*db, sql(Sql::kConfigure), nullptr, nullptr, nullptr);
+  if (rc != SQLITE_OK) {
+    *error = *db ? sqlite3_errmsg(*db) : sqlite3_errstr(rc);
+    return classify(rc);
+  }
+  return version == kHistorySchemaVersion ? Opened::kReady : upgrade(*db, version, error);
+}
+
+// Renames without ever replacing an existing file.
+bool move_without_replacing(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  // A file system without the flag: a hard link fails on an existing name.
+  if (::link(from.c_str(), to.c_str()) != 0) return false;
+  ::unlink(from.c_str());
+  return true;
+}
+
+// Moves a damaged database to a name no earlier set-aside has, with its
+// WAL. Returns the new name, or "" when the file could not be moved.
+std::string set_aside(const std::string& path, double now) {
+  time_t seconds = static_cast<time_t>(whole_seconds(now));
+  struct tm utc = {};
+  char stamp[32] = "unknown-time";
+  if (::gmtime_r(&seconds, &utc)) ::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+  std::string base = path + ".corrupt-" + stamp;
+  for (int n = 1; n <= 1000; ++n) {
+    std::string target = n == 1 ? base : base + "-" + std::to_string(n);
+    if (move_without_replacing(path, target)) {
+      // A WAL left beside a new database would be replayed into it.
+      if (!move_without_replacing(path + "-wal", target + "-wal")) ::remove((path + "-wal").c_str());
+      ::remove((path + "-shm").c_str());
+      return target;
+    }
+    if (errno != EEXIST) return "";
+  }
+  return "";
 }
 
 }  // namespace
@@ -363,21 +515,24 @@ std::unique_ptr<platform::HistoryService> open_history_store(const std::string& 
   size_t slash = path.find_last_of('/');
   if (slash != std::string::npos && slash > 0) platform::make_directories(path.substr(0, slash), 0755);
 
+  std::string why;
   sqlite3* db = nullptr;
-  int rc = open_database(path, &db);
-  if (rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT) {
+  Opened opened = open_database(path, &db, &why);
+  if (opened == Opened::kDamaged) {
     // History is a convenience; a damaged file must not keep the host from
     // recording. It is kept aside for whoever wants to look at it.
     sqlite3_close(db);
     db = nullptr;
-    log_failure("damaged database moved to " + path + ".corrupt");
-    ::rename(path.c_str(), (path + ".corrupt").c_str());
-    ::remove((path + "-wal").c_str());
-    ::remove((path + "-shm").c_str());
-    rc = open_database(path, &db);
+    std::string aside = set_aside(path, now_from(options));
+    if (aside.empty()) {
+      why = "damaged database cannot be moved aside: " + why;
+    } else {
+      log_failure("damaged database moved to " + aside + " (" + why + ")");
+      opened = open_database(path, &db, &why);
+    }
   }
-  if (rc != SQLITE_OK) {
-    if (error) *error = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+  if (opened != Opened::kReady) {
+    if (error) *error = why;
     sqlite3_close(db);
     return nullptr;
   }
