@@ -178,6 +178,7 @@ bool FileTailService::read_journal(const std::vector<std::string>& matches, int6
     if (!directory.valid()) return false;
     journal = platform::JournalLog::open_directory(directory.release(), &error);
   }
+  if (journal && !journal->has_files()) return false;
   if (!journal || !journal->restrict_to(matches, &error)) {
     platform::log_error("hubwardend: " + error);
     return false;

@@ -160,6 +160,7 @@ TEST_F(TailServiceTest, LogsComeFromTheFirstFilePresentElseTheSandboxJournal) {
   ::setenv("TZ", "UTC", 1);
   ::tzset();
   ASSERT_TRUE(platform::make_directories(root_.path("/var/log/journal")));
+  EXPECT_TRUE(same_error(tail("kernelLog", 0, 10).error, kLogFileNotFoundErr)) << "a journal without files";
   const uint64_t t = 1700000000000000;  // Nov 14 22:13:20 UTC
   ASSERT_TRUE(platform::testing::write_journal(
       root_.path("/var/log/journal/system.journal"),

@@ -130,6 +130,11 @@ std::unique_ptr<JournalLog> JournalLog::open_directory(int directory_fd, std::st
   return std::unique_ptr<JournalLog>(new JournalLog(journal, directory_fd));
 }
 
+bool JournalLog::has_files() {
+  uint64_t bytes = 0;
+  return sd_journal_get_usage(journal_, &bytes) >= 0 && bytes > 0;
+}
+
 bool JournalLog::restrict_to(const std::vector<std::string>& matches, std::string* error) {
   sd_journal_flush_matches(journal_);
   for (const std::string& match : matches) {

@@ -71,6 +71,10 @@ class JournalLog {
   // opened.
   static std::unique_ptr<JournalLog> open_directory(int directory_fd, std::string* error);
 
+  // True when at least one journal file was found to read; a machine
+  // without a persistent or runtime journal opens as an empty one.
+  bool has_files();
+
   // Restricts the entries to matches, applied in order: "FIELD=value"
   // terms on the same field are alternatives, terms on different fields
   // must all hold, "+" starts another alternative. No matches: every

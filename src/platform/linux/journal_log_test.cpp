@@ -173,8 +173,10 @@ TEST_F(JournalLogTest, MachineDirectoriesAndEmptyDirectoriesOpen) {
   ASSERT_TRUE(nested);
   EXPECT_EQ(nested->read(0, 1000).bytes, kLines[0]);
 
+  EXPECT_TRUE(nested->has_files());
   auto empty = open(dir_ + "/empty");
   ASSERT_TRUE(empty);
+  EXPECT_FALSE(empty->has_files());
   JournalWindow nothing = empty->read(-100, 100);
   EXPECT_EQ(nothing.offset, 0);
   EXPECT_EQ(nothing.bytes, "");
