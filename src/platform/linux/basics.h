@@ -19,8 +19,18 @@ namespace platform {
 // syslog(3) with the ident "hubwardend".
 std::unique_ptr<Log> make_syslog_log();
 
-// The real-time clock; boot time from /proc/stat.
+// Where a sandbox root keeps its own clock (below the root).
+inline constexpr char kSandboxClockPath[] = "/var/db/hubwarden/sandbox-clock.plist";
+
+// The real-time clock; boot time from /proc/stat. Under a sandbox root
+// (platform Paths installed and not "/") the sandbox's own clock instead:
+// make_sandbox_clock with the root's kSandboxClockPath.
 std::unique_ptr<Clock> make_system_clock();
+
+// A clock that never touches the machine's: set_time stores the difference
+// to the real time in offset_file (atomically; EIO when that fails), now()
+// and boot_time() are the real ones shifted by it.
+std::unique_ptr<Clock> make_sandbox_clock(std::string offset_file);
 
 // Runs tools as child processes with piped standard streams.
 std::unique_ptr<Tasks> make_process_tasks();

@@ -8,11 +8,17 @@
 // Between fork and exec the child makes only async-signal-safe calls,
 // because the daemon is multithreaded; everything it needs (argument
 // vector, paths) is prepared before the fork.
+//
+// Under a sandbox root a tool runs from inside the root or not at all, so
+// that a sandbox can hold stand-ins and nothing run against it (a reboot, a
+// clock or name change) ever reaches the machine.
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -23,6 +29,10 @@
 #include <limits>
 
 #include "platform/linux/basics.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 
 #ifndef CLOSE_RANGE_CLOEXEC
 #define CLOSE_RANGE_CLOEXEC (1U << 2)
@@ -64,6 +74,30 @@ struct Pipe {
     return true;
   }
 };
+
+// The file to execute for the tool at path: path itself at the real root.
+// Under a sandbox root, the tool's place inside the root (links resolved
+// within it), when that is an executable regular file; nullopt otherwise.
+std::optional<std::string> tool_to_run(const std::string& path) {
+  const Paths* paths = slot<Paths>();
+  if (paths == nullptr || paths->is_real_root()) return path;
+  std::string root, relative;
+  std::string inside = path;
+  if (!confined_to_root(path, &root, &relative)) {
+    if (path.empty() || path.front() != '/') return std::nullopt;
+    inside = paths->resolve(path);
+  }
+  UniqueFd fd(open_confined(inside, O_PATH));
+  struct stat st;
+  if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || (st.st_mode & 0111) == 0)
+    return std::nullopt;
+  // Exec the file the confined lookup found, by the name the kernel gives
+  // it, rather than the sandbox path whose links exec would follow anew.
+  char found[PATH_MAX];
+  ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd.get())).c_str(), found, sizeof found - 1);
+  if (n <= 0) return std::nullopt;
+  return std::string(found, static_cast<size_t>(n));
+}
 
 std::vector<char*> make_argv(const std::string& path, const std::vector<std::string>& args) {
   std::vector<char*> argv;
@@ -197,6 +231,8 @@ class ProcessTasks : public Tasks {
   TaskResult run(const std::string& path, const std::vector<std::string>& args, const std::string& input,
                  double timeout_seconds) override {
     TaskResult result;
+    std::optional<std::string> tool = tool_to_run(path);
+    if (!tool) return result;
     Pipe in, out, err, report;
     if (!in.open() || !out.open() || !err.open() || !report.open()) return result;
     std::vector<char*> argv = make_argv(path, args);
@@ -204,7 +240,7 @@ class ProcessTasks : public Tasks {
     pid_t pid = ::fork();
     if (pid < 0) return result;
     if (pid == 0)
-      exec_child(path.c_str(), argv.data(), in.read.get(), out.write.get(), err.write.get(), report.write.get());
+      exec_child(tool->c_str(), argv.data(), in.read.get(), out.write.get(), err.write.get(), report.write.get());
 
     // The child keeps its own copies; ours would hide end of file.
     in.read.reset();
@@ -230,6 +266,8 @@ class ProcessTasks : public Tasks {
   }
 
   std::optional<int> spawn_detached(const std::string& path, const std::vector<std::string>& args) override {
+    std::optional<std::string> program = tool_to_run(path);
+    if (!program) return std::nullopt;
     Pipe report;
     if (!report.open()) return std::nullopt;
     std::vector<char*> argv = make_argv(path, args);
@@ -256,7 +294,7 @@ class ProcessTasks : public Tasks {
           ::dup2(null, 2);
         }
         reset_child_state();
-        ::execv(path.c_str(), argv.data());
+        ::execv(program->c_str(), argv.data());
         Message m{Message::kExecFailed, errno};
         write_all_raw(wfd, &m, sizeof m);
         ::_exit(127);

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include "platform/file_util.h"
 #include "platform/linux/basics.h"
 #include "platform/linux/basics_test_support.h"
+#include "platform/paths.h"
+#include "platform/registry.h"
 
 namespace platform {
 namespace {
@@ -20,6 +23,17 @@ using Seconds = std::chrono::duration<double>;
 double elapsed_since(std::chrono::steady_clock::time_point start) {
   return Seconds(std::chrono::steady_clock::now() - start).count();
 }
+
+// The machine's own tools, while a scratch root holds the test's files.
+class MachineTools {
+ public:
+  MachineTools() : previous_(slot<Paths>()) { install<Paths>(&real_); }
+  ~MachineTools() { install<Paths>(previous_); }
+
+ private:
+  Paths real_{"/"};
+  Paths* previous_;
+};
 
 // No child of ours is left unreaped.
 bool no_children_left() {
@@ -66,6 +80,7 @@ TEST(ProcessTasksTest, LargeInputAndOutputDoNotDeadlock) {
 
 TEST(ProcessTasksTest, TimeoutKillsTheToolAndWhatItStarted) {
   ScratchRoot root;
+  MachineTools tools;
   auto tasks = make_process_tasks();
   auto start = std::chrono::steady_clock::now();
   TaskResult r = tasks->run("/bin/sleep", {"sleep", "5"}, {}, 0.2);
@@ -110,6 +125,7 @@ TEST(ProcessTasksTest, MissingProgramIsNotLaunched) {
 
 TEST(ProcessTasksTest, DetachedToolOutlivesTheCallInItsOwnSession) {
   ScratchRoot root;
+  MachineTools tools;
   auto tasks = make_process_tasks();
   std::string out = root.path("/detached");
   std::optional<int> pid = tasks->spawn_detached(
@@ -127,6 +143,34 @@ TEST(ProcessTasksTest, DetachedToolOutlivesTheCallInItsOwnSession) {
   ASSERT_EQ(std::sscanf(text->c_str(), "%d %d", &written_pid, &session), 2);
   EXPECT_EQ(written_pid, *pid);
   EXPECT_NE(session, ::getsid(0));  // a session apart from ours
+}
+
+TEST(ProcessTasksTest, ASandboxRunsOnlyTheToolsInsideIt) {
+  ScratchRoot root;
+  auto tasks = make_process_tasks();
+  // Without a stand-in nothing runs: not the machine's reboot.
+  EXPECT_FALSE(tasks->run("/sbin/reboot", {"reboot"}).launched);
+  EXPECT_FALSE(tasks->spawn_detached("/sbin/reboot", {"reboot"}));
+
+  root.write("/sbin/reboot", "#!/bin/sh\necho stand-in \"$@\"\n");
+  EXPECT_FALSE(tasks->run("/sbin/reboot", {"reboot"}).launched) << "not executable";
+  ASSERT_EQ(::chmod(root.path("/sbin/reboot").c_str(), 0755), 0);
+  TaskResult r = tasks->run("/sbin/reboot", {"reboot", "now"});
+  EXPECT_TRUE(r.launched);
+  EXPECT_EQ(r.out, "stand-in now\n");
+  // A path already resolved under the root names the same stand-in.
+  EXPECT_EQ(tasks->run(root.path("/sbin/reboot"), {"reboot"}).out, "stand-in\n");
+
+  // Links lead to tools inside the root only, however they are written.
+  ASSERT_EQ(::symlink("/sbin/reboot", root.path("/sbin/shutdown").c_str()), 0);
+  EXPECT_EQ(tasks->run("/sbin/shutdown", {"shutdown"}).out, "stand-in\n");
+  ASSERT_TRUE(make_directories(root.path("/usr/sbin")));
+  ASSERT_EQ(::symlink("/bin/true", root.path("/usr/sbin/ntpdate").c_str()), 0);
+  ASSERT_EQ(::symlink("../../../../../../../../bin/true", root.path("/usr/sbin/klist").c_str()), 0);
+  EXPECT_FALSE(tasks->run("/usr/sbin/ntpdate", {"ntpdate"}).launched);
+  EXPECT_FALSE(tasks->run("/usr/sbin/klist", {"klist"}).launched);
+  EXPECT_FALSE(tasks->run("true", {"true"}).launched) << "a relative tool has no place in the root";
+  EXPECT_TRUE(no_children_left());
 }
 
 }  // namespace

@@ -30,8 +30,7 @@ bool is_enabled_state(const std::string& state) { return state == "enabled" || s
 
 // Errors after which the connection itself is suspect and worth reopening.
 bool is_connection_error(int r) {
-  return r == -ECONNRESET || r == -ENOTCONN || r == -EPIPE || r == -ESHUTDOWN || r == -ECONNREFUSED ||
-         r == -ECHILD;
+  return r == -ECONNRESET || r == -ENOTCONN || r == -EPIPE || r == -ESHUTDOWN || r == -ECONNREFUSED || r == -ECHILD;
 }
 
 void log_failure(const std::string& what, const std::string& unit, int err) {
@@ -54,8 +53,8 @@ class SystemdServiceManager::Bus {
     *status = with_bus([&](sd_bus* bus) {
       sd_bus_error error = SD_BUS_ERROR_NULL;
       sd_bus_message* reply = nullptr;
-      int r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "GetUnitFileState", &error,
-                                 &reply, "s", unit.c_str());
+      int r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "GetUnitFileState", &error, &reply,
+                                 "s", unit.c_str());
       if (r < 0) {
         // An unknown unit is an answer, not a failure.
         bool unknown = sd_bus_error_has_name(&error, "org.freedesktop.systemd1.NoSuchUnit") ||
@@ -79,8 +78,8 @@ class SystemdServiceManager::Bus {
     *status = with_bus([&](sd_bus* bus) {
       sd_bus_error error = SD_BUS_ERROR_NULL;
       sd_bus_message* reply = nullptr;
-      int r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "LoadUnit", &error, &reply,
-                                 "s", unit.c_str());
+      int r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "LoadUnit", &error, &reply, "s",
+                                 unit.c_str());
       if (r < 0) {
         sd_bus_error_free(&error);
         return r;
@@ -109,11 +108,11 @@ class SystemdServiceManager::Bus {
                                            &error, nullptr, "asbb", 1, unit.c_str(), 0, 0)
                       : sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "DisableUnitFiles",
                                            &error, nullptr, "asb", 1, unit.c_str(), 0);
-      if (r >= 0) r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "Reload", &error,
-                                         nullptr, "");
-      if (r >= 0) r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface,
-                                         enabled ? "StartUnit" : "StopUnit", &error, nullptr, "ss", unit.c_str(),
-                                         "replace");
+      if (r >= 0)
+        r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, "Reload", &error, nullptr, "");
+      if (r >= 0)
+        r = sd_bus_call_method(bus, kDestination, kManagerPath, kManagerInterface, enabled ? "StartUnit" : "StopUnit",
+                               &error, nullptr, "ss", unit.c_str(), "replace");
       if (r < 0 && sd_bus_error_is_set(&error)) {
         log_error(std::string("hubwardend: systemd: ") + (error.message ? error.message : error.name));
       }
@@ -211,6 +210,12 @@ bool SystemdServiceManager::job_enabled(const std::string& job) {
 }
 
 int SystemdServiceManager::set_job_enabled(const std::string& job, bool enabled) {
+  // The bus reaches the machine's own systemd; a sandbox switches only the
+  // links under its root.
+  if (bus_ && !get<Paths>().is_real_root()) {
+    log_error("hubwardend: not switching job " + job + " of the machine from a sandbox root");
+    return EPERM;
+  }
   std::string unit = unit_for_job(job);
   if (unit.empty()) {
     log_error("hubwardend: no installed unit for job " + job);

@@ -47,7 +47,9 @@ class SystemdServiceManager : public ServiceManager, public UnitInspector {
   // with no installed unit, or a masked or static unit.
   bool job_enabled(const std::string& job) override;
   // Returns 0, ENOENT when no unit of the job is installed, or the errno of
-  // the failure (EPERM for a masked unit; see unit_files.h for the rest).
+  // the failure (EPERM for a masked unit, and in kBus mode under a sandbox
+  // root, which must never switch the machine's units; see unit_files.h for
+  // the rest).
   int set_job_enabled(const std::string& job, bool enabled) override;
 
   bool unit_installed(const std::string& unit) override;
@@ -70,7 +72,7 @@ class SystemdServiceManager : public ServiceManager, public UnitInspector {
   std::unique_ptr<Bus> bus_;  // only in kBus mode
 
   std::mutex process_table_mu_;
-  std::shared_ptr<const ProcessSnapshot> process_table_;  // guarded by process_table_mu_
+  std::shared_ptr<const ProcessSnapshot> process_table_;       // guarded by process_table_mu_
   std::chrono::steady_clock::time_point process_table_taken_;  // guarded by process_table_mu_
 };
 

@@ -52,8 +52,8 @@ TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
   EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", true), EPERM);
 
   // Template instances from the configuration work as jobs.
-  root.write("/lib/systemd/system/syncthing@.service", "[Service]\nExecStart=/usr/bin/syncthing serve\n" +
-                                                           std::string(kWanted));
+  root.write("/lib/systemd/system/syncthing@.service",
+             "[Service]\nExecStart=/usr/bin/syncthing serve\n" + std::string(kWanted));
   EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/com.marlo.FileSyncAgent.sshd.plist", true), 0);
   EXPECT_TRUE(root.exists("/etc/systemd/system/multi-user.target.wants/syncthing@root.service"));
   EXPECT_TRUE(manager.job_enabled("com.marlo.filesyncd"));
@@ -66,8 +66,8 @@ TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
                                 std::chrono::milliseconds(0));
   root.write("/lib/systemd/system/nginx.service",
              "[Service]\nPIDFile=/run/nginx.pid\nExecStart=/usr/sbin/nginx -g 'daemon on;'\n" + std::string(kWanted));
-  root.write("/lib/systemd/system/postfix.service", "[Service]\nExecStart=/usr/lib/postfix/sbin/master -w\n" +
-                                                        std::string(kWanted));
+  root.write("/lib/systemd/system/postfix.service",
+             "[Service]\nExecStart=/usr/lib/postfix/sbin/master -w\n" + std::string(kWanted));
   root.write("/lib/systemd/system/slurmctld.service",
              "[Service]\nExecStart=/usr/sbin/a-daemon-with-a-long-name -D\n" + std::string(kWanted));
   ASSERT_EQ(manager.set_job_enabled("nginx.service", true), 0);
@@ -113,6 +113,15 @@ TEST(SystemdServiceManager, MakerPicksUnitFilesInASandboxRoot) {
   EXPECT_FALSE(manager->job_enabled("org.net-snmp.snmpd"));
   EXPECT_EQ(manager->set_job_enabled("org.net-snmp.snmpd", true), 0);
   EXPECT_TRUE(manager->job_enabled("org.net-snmp.snmpd"));
+}
+
+TEST(SystemdServiceManager, ASandboxNeverSwitchesTheMachinesUnits) {
+  UnitSandbox root;
+  // Even a manager made to talk to systemd refuses to switch anything for
+  // a sandbox root; it does not even need systemd to be running to refuse.
+  SystemdServiceManager bus(default_host_service_map(), SystemdServiceManager::Mode::kBus);
+  EXPECT_EQ(bus.set_job_enabled("com.openssh.sshd", true), EPERM);
+  EXPECT_EQ(bus.set_job_enabled("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", false), EPERM);
 }
 
 // Read-only questions over the system bus; runs only where systemd runs.
