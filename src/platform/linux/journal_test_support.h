@@ -41,11 +41,13 @@ inline std::string export_entry(const ExportEntry& entry) {
 }
 
 // Writes entries to the journal file path (which must end in ".journal"
-// and not exist yet). Returns false when the tool fails or is missing.
-inline bool write_journal(const std::string& path, const std::vector<ExportEntry>& entries) {
+// and not exist yet), giving the tool at most timeout_seconds. Returns false
+// when the tool fails or is missing.
+inline bool write_journal(const std::string& path, const std::vector<ExportEntry>& entries, int timeout_seconds = 30) {
   std::string input;
   for (const ExportEntry& entry : entries) input += export_entry(entry);
-  std::string command = std::string("timeout 30 ") + kJournalRemote + " --output='" + path + "' - >/dev/null 2>&1";
+  std::string command = "timeout " + std::to_string(timeout_seconds) + " " + kJournalRemote + " --output='" + path +
+                        "' - >/dev/null 2>&1";
   FILE* pipe = ::popen(command.c_str(), "w");
   if (pipe == nullptr) return false;
   bool written = std::fwrite(input.data(), 1, input.size(), pipe) == input.size();
