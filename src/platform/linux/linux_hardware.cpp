@@ -1,6 +1,7 @@
 // Hardware facts from procfs and sysfs: processors from cpuinfo and the
 // cpu/online list, clock speeds from cpufreq, memory from meminfo, and the
-// machine's model, maker and serial from the DMI tables. Every file is read
+// machine's model, maker and serial from the DMI tables (or, on boards
+// without them, the device tree). Every file is read
 // under the directories given at construction, so tests can use fixtures.
 // Names with nothing behind them on Linux ("hw.cpufamily" is a processor
 // family code no kernel here reports, "hw.busfrequency" a front-side bus
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <set>
@@ -53,6 +55,55 @@ std::optional<uint64_t> count_cpu_list(std::string_view list) {
   return count;
 }
 
+// Trims and turns every run of blanks into one space: processor names are
+// padded with runs of spaces on some models.
+std::string collapse_blanks(std::string_view s) {
+  std::string out;
+  bool blank = false;
+  for (char c : s) {
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+      blank = !out.empty();
+      continue;
+    }
+    if (blank) out.push_back(' ');
+    blank = false;
+    out.push_back(c);
+  }
+  return out;
+}
+
+// Text firmware leaves in DMI fields nobody filled in.
+bool is_placeholder(std::string_view value) {
+  static constexpr std::string_view kPlaceholders[] = {
+      "",
+      "to be filled by o.e.m.",
+      "to be filled by oem",
+      "system product name",
+      "system manufacturer",
+      "system version",
+      "base board product name",
+      "base board manufacturer",
+      "default string",
+      "not specified",
+      "not applicable",
+      "none",
+      "n/a",
+      "na",
+      "o.e.m.",
+      "oem",
+      "unknown",
+      "type1productconfigid",
+      "x.x",
+      "0123456789",
+      "1234567890",
+  };
+  std::string lower;
+  for (char c : value) lower.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  for (std::string_view p : kPlaceholders)
+    if (lower == p) return true;
+  return false;
+}
+
 class LinuxHardware : public Hardware {
  public:
   LinuxHardware(std::string proc_dir, std::string sys_dir)
@@ -70,13 +121,12 @@ class LinuxHardware : public Hardware {
   }
 
   std::optional<std::string> sysctl_string(const std::string& name) override {
-    if (name == "machdep.cpu.brand_string") {
-      std::vector<KeyValueBlock> cpus = processors();
-      const std::string* model = cpus.empty() ? nullptr : find_key(cpus.front(), "model name");
-      if (!model || model->empty()) return std::nullopt;
-      return *model;
+    if (name == "machdep.cpu.brand_string") return processor_name();
+    if (name == "hw.model" || name == "hw.model_display_name") {
+      std::optional<ModelNames> names = model_names();
+      if (!names) return std::nullopt;
+      return name == "hw.model" ? names->technical : names->display;
     }
-    if (name == "hw.model") return model();
     if (name == "kern.ostype" || name == "kern.osrelease") {
       struct utsname u;
       if (::uname(&u) != 0) return std::nullopt;
@@ -207,15 +257,78 @@ class LinuxHardware : public Hardware {
     return linux_text::read_first_line(sys_dir_ + "/class/dmi/id/" + name);
   }
 
-  std::optional<std::string> model() const {
-    if (std::optional<std::string> product = dmi("product_name")) return product;
-    // Boards without DMI tables describe themselves in the device tree,
-    // as a NUL-terminated string.
-    std::optional<std::string> tree = read_file(sys_dir_ + "/firmware/devicetree/base/model");
-    if (!tree) return std::nullopt;
-    std::string_view name = linux_text::trim(std::string_view(*tree).substr(0, tree->find('\0')));
-    if (name.empty()) return std::nullopt;
-    return std::string(name);
+  // The processor's own description. x86 and most others call it "model
+  // name"; older ARM kernels put "Processor" in a block about the whole
+  // machine, MIPS says "cpu model" and PowerPC "cpu".
+  std::optional<std::string> processor_name() const {
+    std::optional<std::string> text = proc("cpuinfo");
+    if (!text) return std::nullopt;
+    std::vector<KeyValueBlock> blocks = linux_text::parse_colon_blocks(*text);
+    for (const char* key : {"model name", "Processor", "cpu model", "cpu"}) {
+      for (const KeyValueBlock& block : blocks) {
+        const std::string* value = find_key(block, key);
+        if (!value) continue;
+        std::string name = collapse_blanks(*value);
+        if (!name.empty()) return name;
+      }
+    }
+    return std::nullopt;
+  }
+
+  struct ModelNames {
+    std::string display;
+    std::string technical;
+  };
+
+  // The display name is the product as its maker names it ("PowerEdge
+  // R630"); the technical name identifies it fully, with the maker and the
+  // product version ("Dell Inc. PowerEdge R630 A01"). Boards whose firmware
+  // leaves the product fields as placeholders are named by their
+  // motherboard. Without usable DMI tables both names are the device
+  // tree's model, and on the running system without either, the kernel's
+  // machine name ("x86_64").
+  std::optional<ModelNames> model_names() const {
+    std::optional<std::string> product = dmi_value("product_name");
+    std::optional<std::string> vendor = dmi_value("sys_vendor");
+    std::optional<std::string> version = dmi_value("product_version");
+    if (!product) {
+      product = dmi_value("board_name");
+      vendor = dmi_value("board_vendor");
+      version = dmi_value("board_version");
+    }
+    if (product) {
+      std::string technical = *product;
+      if (vendor && !technical.starts_with(*vendor)) technical = *vendor + " " + technical;
+      if (version && technical.find(*version) == std::string::npos) technical += " " + *version;
+      return ModelNames{*product, technical};
+    }
+    if (std::optional<std::string> tree = device_tree_model()) return ModelNames{*tree, *tree};
+    if (!reads_live_system()) return std::nullopt;
+    struct utsname u;
+    if (::uname(&u) != 0 || u.machine[0] == '\0') return std::nullopt;
+    return ModelNames{u.machine, u.machine};
+  }
+
+  // A DMI field with its blanks tidied, or nullopt when it is absent or
+  // one of the placeholders firmware vendors leave in unset fields.
+  std::optional<std::string> dmi_value(const char* name) const {
+    std::optional<std::string> value = dmi(name);
+    if (!value) return std::nullopt;
+    std::string tidy = collapse_blanks(*value);
+    if (is_placeholder(tidy)) return std::nullopt;
+    return tidy;
+  }
+
+  // Boards without DMI tables describe themselves in the device tree, as a
+  // NUL-terminated string.
+  std::optional<std::string> device_tree_model() const {
+    for (const std::string& path : {proc_dir_ + "/device-tree/model", sys_dir_ + "/firmware/devicetree/base/model"}) {
+      std::optional<std::string> tree = read_file(path);
+      if (!tree) continue;
+      std::string name = collapse_blanks(std::string_view(*tree).substr(0, tree->find('\0')));
+      if (!name.empty()) return name;
+    }
+    return std::nullopt;
   }
 
   std::string proc_dir_;

@@ -163,6 +163,60 @@ TEST_F(HardwareFixture, PlatformDeviceCarriesTheDmiSerial) {
   EXPECT_TRUE(hw->registry_devices("IOPlatformDevice").empty());
 }
 
+TEST_F(HardwareFixture, ModelNamesFromDmiThenTheDeviceTree) {
+  auto hw = hardware();
+  root_.write("/sys/class/dmi/id/sys_vendor", "Dell Inc.\n");
+  root_.write("/sys/class/dmi/id/product_name", "PowerEdge R630\n");
+  root_.write("/sys/class/dmi/id/product_version", "Not Specified\n");
+  EXPECT_EQ(hw->sysctl_string("hw.model_display_name"), "PowerEdge R630");
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "Dell Inc. PowerEdge R630");
+  root_.write("/sys/class/dmi/id/sys_vendor", "QEMU\n");
+  root_.write("/sys/class/dmi/id/product_name", "Standard PC (Q35 + ICH9, 2009)\n");
+  root_.write("/sys/class/dmi/id/product_version", "pc-q35-7.2\n");
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "QEMU Standard PC (Q35 + ICH9, 2009) pc-q35-7.2");
+
+  // Placeholders left by the firmware: the motherboard names the machine.
+  root_.write("/sys/class/dmi/id/sys_vendor", "System manufacturer\n");
+  root_.write("/sys/class/dmi/id/product_name", "  To Be Filled By O.E.M. \n");
+  root_.write("/sys/class/dmi/id/board_vendor", "ASUSTeK COMPUTER INC.\n");
+  root_.write("/sys/class/dmi/id/board_name", "PRIME   B450M-A\n");
+  root_.write("/sys/class/dmi/id/board_version", "Rev X.0x\n");
+  EXPECT_EQ(hw->sysctl_string("hw.model_display_name"), "PRIME B450M-A");
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "ASUSTeK COMPUTER INC. PRIME B450M-A Rev X.0x");
+
+  // Nothing usable in DMI: the device tree, under /proc first.
+  root_.write("/sys/class/dmi/id/board_name", "Default string\n");
+  root_.write("/sys/firmware/devicetree/base/model", std::string("Other Board\0", 12));
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "Other Board");
+  root_.write("/proc/device-tree/model", std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "Raspberry Pi 4 Model B Rev 1.4");
+  EXPECT_EQ(hw->sysctl_string("hw.model_display_name"), "Raspberry Pi 4 Model B Rev 1.4");
+
+  // The running system always has at least the kernel's machine name.
+  auto live = make_linux_hardware();
+  EXPECT_FALSE(live->sysctl_string("hw.model").value_or("").empty());
+  EXPECT_FALSE(live->sysctl_string("hw.model_display_name").value_or("").empty());
+}
+
+TEST_F(HardwareFixture, ProcessorNamesOnOtherArchitectures) {
+  auto hw = hardware();
+  // Older ARM kernels: the name is in the block about the whole machine.
+  root_.write("/proc/cpuinfo",
+              "Processor\t: ARMv7 Processor rev 4 (v7l)\nprocessor\t: 0\nBogoMIPS\t: 38.40\n\n"
+              "Hardware\t: BCM2835\n");
+  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "ARMv7 Processor rev 4 (v7l)");
+  root_.write("/proc/cpuinfo",
+              "system type\t\t: MediaTek MT7621\nprocessor\t\t: 0\ncpu model\t\t: MIPS 1004Kc V2.15\n");
+  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "MIPS 1004Kc V2.15");
+  root_.write("/proc/cpuinfo", "processor\t: 0\ncpu\t\t: POWER9 (raw), altivec supported\nclock\t\t: 2166MHz\n");
+  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "POWER9 (raw), altivec supported");
+  root_.write("/proc/cpuinfo", "processor\t: 0\nmodel name\t: Intel(R) Xeon(R) CPU           E5430  @ 2.66GHz\n");
+  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "Intel(R) Xeon(R) CPU E5430 @ 2.66GHz");
+  // Modern ARM kernels name no model at all.
+  root_.write("/proc/cpuinfo", "processor\t: 0\nCPU implementer\t: 0x41\nCPU part\t: 0xd08\n");
+  EXPECT_FALSE(hw->sysctl_string("machdep.cpu.brand_string"));
+}
+
 TEST(LinuxHardwareTest, LiveSystemAnswersTheBasics) {
   auto hw = make_linux_hardware();
   std::optional<uint64_t> memory = hw->sysctl_integer("hw.memsize");

@@ -151,16 +151,16 @@ std::optional<std::string> ASI_CopyCPUKind(bool technical) {
     std::optional<std::string> brand = sysctl_string("machdep.cpu.brand_string", 1024);
     if (brand && brand->size() > 4 && brand->find("Xeon") != std::string::npos) xeon_seen = true;
     // The family code is 32 bits; the key packs it with the flag and cores.
-    uint64_t key = ((*family & 0xffffffffu) << 24) | (static_cast<uint64_t>(xeon_seen) << 20) |
-                   static_cast<uint64_t>(cores);
+    uint64_t key =
+        ((*family & 0xffffffffu) << 24) | (static_cast<uint64_t>(xeon_seen) << 20) | static_cast<uint64_t>(cores);
     name = cached(family_cache, key, [](uint64_t k) {
       return lookup_family(k >> 24, ((k >> 20) & 1) != 0, static_cast<int>(k & 0xfffff));
     });
   } else {
     std::optional<platform::HostBasicInfo> info = host_basic_info();
     if (!info) return std::nullopt;
-    uint64_t key = (static_cast<uint64_t>(static_cast<uint32_t>(info->cpu_type)) << 32) |
-                   static_cast<uint32_t>(info->cpu_subtype);
+    uint64_t key =
+        (static_cast<uint64_t>(static_cast<uint32_t>(info->cpu_type)) << 32) | static_cast<uint32_t>(info->cpu_subtype);
     name = cached(host_cache, key, [](uint64_t k) {
       return lookup_host(static_cast<int>(static_cast<uint32_t>(k >> 32)), static_cast<int>(static_cast<uint32_t>(k)));
     });
@@ -177,6 +177,11 @@ std::string ASI_CopyComputerModelName(bool technical) {
   std::optional<plist::Dict> machine_types = read_dictionary(kMachineTypesPath);
   std::optional<plist::Dict> strings = read_dictionary(kSystemInfoStringsPath);
   if (!machine_types || !strings) {
+    // Platforms without the model tables may name the model themselves
+    // (from the firmware's tables); that beats calling every machine
+    // unknown.
+    if (std::optional<std::string> display = sysctl_string("hw.model_display_name", 1024); display && !display->empty())
+      return *display;
     const std::string* unknown = strings ? strings->find_string("UnknownComputerModel") : nullptr;
     return unknown && !unknown->empty() ? *unknown : "Unknown";
   }
@@ -192,6 +197,14 @@ std::string ASI_CopyComputerModelName(bool technical) {
   return localized ? *localized : "Ordin";
 }
 
+// The tables only know the processors they list; any other is named by
+// the processor's own description (the brand string) before giving up.
+std::string processor_kind() {
+  if (std::optional<std::string> kind = ASI_CopyCPUKind(false)) return *kind;
+  std::optional<std::string> brand = sysctl_string("machdep.cpu.brand_string", 1024);
+  return brand && !brand->empty() ? *brand : "(unknown)";
+}
+
 void reset_cpu_kind_caches_for_testing() {
   std::lock_guard<std::mutex> lock(cache_mutex);
   registry_cache = family_cache = host_cache = KindCache();
@@ -203,7 +216,7 @@ plist::Dict get_computer_info() {
   info.set("numberOfCPUs", ASI_NumberOfCPUs());
   info.set("cpuSpeed", plist::Value(static_cast<uint64_t>(ASI_CPUSpeedInHz())));
   info.set("memorySize", plist::Value(ASI_PhysicalMemorySize()));
-  info.set("cpuKind", ASI_CopyCPUKind(false).value_or("(unknown)"));
+  info.set("cpuKind", processor_kind());
   info.set("computerModelName", ASI_CopyComputerModelName(false));
   info.set("computerTechnicalModelName", ASI_CopyComputerModelName(true));
   return info;

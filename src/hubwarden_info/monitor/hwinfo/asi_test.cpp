@@ -53,8 +53,7 @@ TEST_F(AsiTest, RegistryCpuTypeExactMatchFallbackAndBadLengths) {
   ::testing::internal::CaptureStdout();
   hw_.cpu_type = plist::Value(plist::Data{1, 2, 9});  // three bytes: first two used
   EXPECT_EQ(ASI_CopyCPUKind(false), "Intel Core Duo");
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "cpu-type data length incorrect size, expect 2, received 3\n");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "cpu-type data length incorrect size, expect 2, received 3\n");
 
   ::testing::internal::CaptureStdout();
   hw_.cpu_type = plist::Value(plist::Data{1});
@@ -86,6 +85,12 @@ TEST_F(AsiTest, HostTypeTableWhenNoFamilyIsKnown) {
   EXPECT_FALSE(ASI_CopyCPUKind(false));
   hw_.basic = platform::HostBasicInfo{7 | 0x01000000, 3, 4};  // a PC: no table knows it
   EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "(unknown)");
+  // ... so the processor's own description names it.
+  hw_.strings["machdep.cpu.brand_string"] = "AMD EPYC 7443P 24-Core Processor";
+  EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "AMD EPYC 7443P 24-Core Processor");
+  // A name from the tables still wins.
+  hw_.basic = platform::HostBasicInfo{18, 10, 1};
+  EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "PowerPC G4");
 }
 
 TEST_F(AsiTest, CountsSpeedsAndMemoryDegradeToDefaults) {
@@ -114,6 +119,10 @@ TEST_F(AsiTest, ModelNamesFromTheSystemInformationTables) {
   hw_.strings["hw.model"] = "Server9,9";
   EXPECT_EQ(ASI_CopyComputerModelName(true), "Server9,9");
   EXPECT_EQ(ASI_CopyComputerModelName(false), "Unknown");  // no tables installed
+  // A platform that names the model itself fills in for the missing tables.
+  hw_.strings["hw.model_display_name"] = "Server";
+  EXPECT_EQ(ASI_CopyComputerModelName(false), "Server");
+  EXPECT_EQ(ASI_CopyComputerModelName(true), "Server9,9");
 
   const std::string resources = "/System/Library/CoreServices/MarloSystemInfo.bundle/Contents/Resources";
   ASSERT_TRUE(platform::write_file_atomically(
