@@ -1,13 +1,25 @@
 // The settings file store: whole-file reads and atomic whole-file writes of
-// the module's settings property list, under gPrefsFileLock.
+// the module's settings property list, under gPrefsFileLock and the
+// cross-process lock file.
 #include "settings/settings_file.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "platform/file_lock.h"
 #include "platform/file_util.h"
+#include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 #include "plist/codec.h"
 
 namespace hubwarden {
@@ -66,43 +78,140 @@ class WriterSection {
 
 std::string settings_path() { return platform::resolve(kSettingsFilePath); }
 
-// Reads and parses the file; nullopt when it is missing, unreadable or not a
-// dictionary. REQUIRES: a lock section is held by the caller.
-std::optional<plist::Dict> load_unlocked() {
-  std::optional<std::string> text = platform::read_file(settings_path());
-  if (!text) return std::nullopt;
+std::atomic<std::chrono::milliseconds::rep> gLockTimeoutMs{platform::FileLock::kDefaultTimeout.count()};
+
+std::optional<platform::FileLock> lock_file(platform::FileLock::Mode mode) {
+  return platform::FileLock::acquire(platform::resolve(kSettingsLockPath), mode,
+                                     std::chrono::milliseconds(gLockTimeoutMs.load()));
+}
+
+// A reader goes ahead even without the lock: the file is only ever
+// replaced whole, so an unlocked read still sees one complete version.
+// Most often the folder does not exist yet and there is nothing to read.
+std::optional<platform::FileLock> lock_for_reading() { return lock_file(platform::FileLock::Mode::Shared); }
+
+// A writer without the lock could lose another process's update, so it
+// writes nothing.
+std::optional<platform::FileLock> lock_for_writing() {
+  std::string lock_path = platform::resolve(kSettingsLockPath);
+  platform::make_directories(lock_path.substr(0, lock_path.find_last_of('/')));
+  std::optional<platform::FileLock> lock = lock_file(platform::FileLock::Mode::Exclusive);
+  if (!lock)
+    platform::log_error("hubwarden_info: cannot lock the settings file (" + lock_path + ": " + std::strerror(errno) +
+                        "); settings not written");
+  return lock;
+}
+
+enum class Stored { Missing, Damaged, Ok };
+
+struct Loaded {
+  Stored state = Stored::Missing;
+  plist::Dict settings;  // when Ok
+  std::string problem;   // when Damaged
+};
+
+// Reads and parses the file. REQUIRES: a lock section is held by the caller.
+Loaded load_unlocked() {
+  Loaded loaded;
+  platform::ReadError error = platform::ReadError::kNone;
+  std::optional<std::string> text = platform::read_file(settings_path(), platform::kDefaultReadLimit, &error);
+  if (!text) {
+    if (error == platform::ReadError::kNotFound) return loaded;
+    loaded.state = Stored::Damaged;
+    loaded.problem = error == platform::ReadError::kTooLarge     ? "too large to read"
+                     : error == platform::ReadError::kNotRegular ? "not a regular file"
+                                                                 : "cannot be read";
+    return loaded;
+  }
   plist::Parsed parsed = plist::parse_xml(*text);
-  if (!parsed.ok()) return std::nullopt;
-  plist::Dict* root = parsed.value.as_dict();
-  if (!root) return std::nullopt;
-  return std::move(*root);
+  plist::Dict* root = parsed.ok() ? parsed.value.as_dict() : nullptr;
+  if (!root) {
+    // An empty file holds nothing worth keeping.
+    loaded.state = text->empty() ? Stored::Missing : Stored::Damaged;
+    loaded.problem = parsed.ok() ? "the property list is not a dictionary" : parsed.error;
+    return loaded;
+  }
+  loaded.state = Stored::Ok;
+  loaded.settings = std::move(*root);
+  return loaded;
+}
+
+// Moves a damaged file out of the way under a name no earlier set-aside
+// has, so that starting from empty settings loses nothing. False when it
+// stays where it is; the caller must then not replace it.
+bool set_aside_unlocked(const std::string& problem) {
+  std::string path = settings_path();
+  std::string leaf;
+  platform::UniqueFd dir(platform::open_parent_confined(path, false, &leaf));
+  std::string stem = leaf + ".corrupt-" + std::to_string(::time(nullptr)) + "-";
+  for (int n = 0; dir.get() >= 0 && n < 1000; ++n) {
+    std::string aside = stem + std::to_string(n);
+    int rc = ::renameat2(dir.get(), leaf.c_str(), dir.get(), aside.c_str(), RENAME_NOREPLACE);
+    if (rc != 0 && errno == EINVAL) {
+      // A file system without no-replace renames: a hard link refuses an
+      // existing name just the same.
+      rc = ::linkat(dir.get(), leaf.c_str(), dir.get(), aside.c_str(), 0);
+      if (rc == 0) ::unlinkat(dir.get(), leaf.c_str(), 0);
+    }
+    if (rc == 0) {
+      platform::log_error("hubwarden_info: the settings file " + path + " does not parse (" + problem +
+                          "); moved aside to " + aside);
+      return true;
+    }
+    if (errno != EEXIST) break;
+  }
+  platform::log_error("hubwarden_info: the settings file " + path + " does not parse (" + problem +
+                      ") and cannot be moved aside (" + std::strerror(errno) + "); settings not written");
+  return false;
 }
 
 // A failed write is not reported: the atomic replacement leaves the
 // previous file intact, which is all a caller could hope for.
 void store_unlocked(const plist::Dict& settings) {
-  platform::write_file_atomically(settings_path(), plist::write_xml(plist::Value(settings)), 0644);
+  std::string text = plist::write_xml(plist::Value(settings));
+  if (text.size() > kMaxSettingsFileBytes) {
+    platform::log_error("hubwarden_info: settings not written: the settings file would grow to " +
+                        std::to_string(text.size()) + " bytes, more than the " + std::to_string(kMaxSettingsFileBytes) +
+                        " allowed");
+    return;
+  }
+  platform::write_file_atomically(settings_path(), text, 0644);
+}
+
+// The writers' common shape: one read-modify-write inside both locks.
+// A damaged file is set aside first and then counts as empty.
+template <typename Change>
+void rewrite(Change change) {
+  WriterSection section;
+  std::optional<platform::FileLock> lock = lock_for_writing();
+  if (!lock) return;
+  Loaded loaded = load_unlocked();
+  if (loaded.state == Stored::Damaged && !set_aside_unlocked(loaded.problem)) return;
+  change(loaded.settings);
+  store_unlocked(loaded.settings);
+}
+
+std::optional<plist::Dict> read_locked() {
+  ReaderSection section;
+  std::optional<platform::FileLock> lock = lock_for_reading();
+  Loaded loaded = load_unlocked();
+  if (loaded.state != Stored::Ok) return std::nullopt;
+  return std::move(loaded.settings);
 }
 
 }  // namespace
 
+void set_settings_lock_timeout_for_testing(std::chrono::milliseconds timeout) { gLockTimeoutMs = timeout.count(); }
+
 void write_settings_file(const plist::Dict& settings) {
-  WriterSection section;
-  store_unlocked(settings);
+  rewrite([&](plist::Dict& stored) { stored = settings; });
 }
 
-std::optional<plist::Dict> read_settings_file() {
-  ReaderSection section;
-  return load_unlocked();
-}
+std::optional<plist::Dict> read_settings_file() { return read_locked(); }
 
 std::optional<plist::Value> read_key_from_settings_file(const std::string& key) {
-  std::optional<plist::Dict> settings;
-  {
-    ReaderSection section;
-    settings = load_unlocked();
-  }
-  // The lookup happens on the private copy, after the lock is released.
+  // The lookup happens on the private copy, after the locks are released.
+  std::optional<plist::Dict> settings = read_locked();
   if (!settings) return std::nullopt;
   const plist::Value* value = settings->find(key);
   if (!value) return std::nullopt;
@@ -110,27 +219,20 @@ std::optional<plist::Value> read_key_from_settings_file(const std::string& key) 
 }
 
 void overwrite_key_in_settings_file(const plist::Value& value, const std::string& key) {
-  WriterSection section;
-  plist::Dict settings = load_unlocked().value_or(plist::Dict());
-  settings.set(key, value);
-  store_unlocked(settings);
+  rewrite([&](plist::Dict& settings) { settings.set(key, value); });
 }
 
 void update_keys_in_settings_file(const plist::Dict& changes) {
-  WriterSection section;
-  plist::Dict settings = load_unlocked().value_or(plist::Dict());
-  settings.merge(changes);
-  store_unlocked(settings);
+  rewrite([&](plist::Dict& settings) { settings.merge(changes); });
 }
 
 void update_key_in_settings_file(const plist::Dict& changes, const std::string& key) {
-  WriterSection section;
-  plist::Dict settings = load_unlocked().value_or(plist::Dict());
-  plist::Dict sub;
-  if (const plist::Dict* stored = settings.find_dict(key)) sub = *stored;
-  sub.merge(changes);
-  settings.set(key, plist::Value(std::move(sub)));
-  store_unlocked(settings);
+  rewrite([&](plist::Dict& settings) {
+    plist::Dict sub;
+    if (const plist::Dict* stored = settings.find_dict(key)) sub = *stored;
+    sub.merge(changes);
+    settings.set(key, plist::Value(std::move(sub)));
+  });
 }
 
 }  // namespace hubwarden

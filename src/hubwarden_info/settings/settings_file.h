@@ -5,10 +5,22 @@
 // atomically; nothing is cached, so every read sees the last completed
 // write. Access is guarded by gPrefsFileLock (shared for the readers,
 // exclusive for the writers) once pass zero has made it; before that the
-// functions run unlocked. Missing or unparsable files read as no settings.
+// functions run without it. Missing or unparsable files read as no settings.
+//
+// Other processes (a command-line run of the host beside the daemon) are
+// kept out by an advisory lock on kSettingsLockPath, taken inside
+// gPrefsFileLock: shared while reading, exclusive for a whole
+// read-merge-write. A writer that cannot get it within a few seconds logs
+// and writes nothing. A write that would make the file larger than
+// kMaxSettingsFileBytes is refused the same way, and a file that exists but
+// does not parse is moved aside to "<file>.corrupt-<unix time>-<n>" (and
+// logged) before a writer replaces it. As before, the writers report
+// nothing to their callers; a refused write leaves the file as it was.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <optional>
 #include <shared_mutex>
 #include <string>
@@ -20,6 +32,11 @@ namespace hubwarden {
 extern std::atomic<std::shared_mutex*> gPrefsFileLock;
 
 inline constexpr const char* kSettingsFilePath = "/Library/Preferences/com.marlo.hubwarden_info.plist";
+inline constexpr const char* kSettingsLockPath = "/Library/Preferences/com.marlo.hubwarden_info.plist.lock";
+
+// The file holds a few dozen small keys; anything near this size is a
+// runaway value that would make every later read and write slow.
+inline constexpr size_t kMaxSettingsFileBytes = 4 * 1024 * 1024;
 
 // Makes gPrefsFileLock if it does not exist yet (pass zero).
 void create_settings_lock();
@@ -34,5 +51,7 @@ void update_key_in_settings_file(const plist::Dict& changes, const std::string& 
 
 // Test hook: forgets the lock, as at load.
 void reset_settings_lock_for_testing();
+// Test hook: how long to wait for another process's lock (default 5 s).
+void set_settings_lock_timeout_for_testing(std::chrono::milliseconds timeout);
 
 }  // namespace hubwarden

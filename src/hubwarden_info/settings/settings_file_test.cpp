@@ -1,11 +1,17 @@
 #include "settings/settings_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 #include <vector>
 
+#include "platform/fake/fake_log.h"
+#include "platform/file_lock.h"
 #include "platform/file_util.h"
+#include "platform/registry.h"
 #include "plist/codec.h"
 #include "request/spine_test_support.h"
 
@@ -14,19 +20,34 @@ namespace {
 
 using testing::SandboxRoot;
 
-#if defined(HUBWARDEN_SANITIZED) || !defined(NDEBUG)
-// Unoptimised and sanitized builds make each whole-file rewrite several
-// times slower; the optimised build runs the full count.
-constexpr int kUpdatesPerThread = 250;
-#else
-constexpr int kUpdatesPerThread = 1250;  // 8 threads: 10,000 updates in all
-#endif
+// Every update syncs the file to disk, so the count is kept modest: lost
+// updates show up within the first few dozen when the locking is wrong.
+constexpr int kUpdatesPerThread = 150;
 
 class SettingsFileTest : public ::testing::Test {
  protected:
-  ~SettingsFileTest() override { reset_settings_lock_for_testing(); }
+  SettingsFileTest() : previous_log_(platform::slot<platform::Log>()) { platform::install<platform::Log>(&log_); }
+  ~SettingsFileTest() override {
+    reset_settings_lock_for_testing();
+    set_settings_lock_timeout_for_testing(platform::FileLock::kDefaultTimeout);
+    platform::install<platform::Log>(previous_log_);
+  }
   std::string file() const { return root_.path(kSettingsFilePath); }
+  std::string contents() const { return platform::read_file(file()).value_or("<none>"); }
+  // The files a damaged settings file was moved aside to.
+  std::vector<std::string> set_aside_files() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(root_.path("/Library/Preferences")))
+      if (entry.path().filename().string().find(".plist.corrupt-") != std::string::npos)
+        found.push_back(entry.path().string());
+    return found;
+  }
+
   SandboxRoot root_;
+  platform::FakeLog log_;
+
+ private:
+  platform::Log* previous_log_;
 };
 
 TEST_F(SettingsFileTest, MissingFileReadsAsNothingAndWritersCreateIt) {
@@ -62,15 +83,55 @@ TEST_F(SettingsFileTest, UpdateMergesWhileOverwriteReplacesWhole) {
   EXPECT_EQ(read_key_from_settings_file("NotificationsSettings")->as_dict()->size(), 1u);
 }
 
-TEST_F(SettingsFileTest, CorruptFileIsReplacedNotRepaired) {
-  for (const char* junk : {"not a plist", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>", ""}) {
-    ASSERT_TRUE(platform::write_file_atomically(file(), junk));
-    EXPECT_FALSE(read_settings_file()) << junk;
-    update_key_in_settings_file({{"k", 1}}, "NotificationsSettings");
-    plist::Dict settings = *read_settings_file();
-    EXPECT_EQ(settings.size(), 1u);
-    EXPECT_TRUE(settings.find_dict("NotificationsSettings"));
+TEST_F(SettingsFileTest, CorruptFileIsSetAsideThenReplaced) {
+  const std::vector<std::string> junk = {"not a plist",
+                                         "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>",
+                                         "<plist><dict><key>truncated</key>"};
+  for (size_t i = 0; i < junk.size(); ++i) {
+    ASSERT_TRUE(platform::write_file_atomically(file(), junk[i]));
+    EXPECT_FALSE(read_settings_file()) << junk[i];
+    EXPECT_EQ(contents(), junk[i]) << "a reader must leave the file alone";
+    if (i == 2)
+      write_settings_file({{"k", 1}});
+    else
+      update_key_in_settings_file({{"k", 1}}, "NotificationsSettings");
+    ASSERT_TRUE(read_settings_file()) << junk[i];
+    EXPECT_EQ(read_settings_file()->size(), 1u);
+    // Every damaged file keeps its own copy, even within the same second.
+    std::vector<std::string> aside = set_aside_files();
+    ASSERT_EQ(aside.size(), i + 1);
+    bool kept = false;
+    for (const std::string& path : aside) kept |= platform::read_file(path) == junk[i];
+    EXPECT_TRUE(kept) << junk[i];
   }
+  EXPECT_TRUE(log_.contains(platform::Priority::Error, "hubwarden_info: the settings file"));
+  EXPECT_TRUE(log_.contains("moved aside to"));
+
+  // An empty file has nothing to keep and is simply replaced.
+  ASSERT_TRUE(platform::write_file_atomically(file(), ""));
+  overwrite_key_in_settings_file(true, "noVantorZeroconfReg");
+  EXPECT_EQ(set_aside_files().size(), junk.size());
+  EXPECT_EQ(read_settings_file()->size(), 1u);
+}
+
+TEST_F(SettingsFileTest, WriteThatWouldPassTheSizeLimitLeavesTheFileAsItWas) {
+  update_keys_in_settings_file({{"small", "value"}});
+  const std::string before = contents();
+  std::string big(kMaxSettingsFileBytes, 'x');
+  overwrite_key_in_settings_file(big, "ServiceConfig");
+  EXPECT_EQ(contents(), before);
+  EXPECT_TRUE(log_.contains(platform::Priority::Error, "hubwarden_info: settings not written"));
+
+  // Values that fit each on their own but not together are refused too.
+  std::string half(kMaxSettingsFileBytes / 2 + 1, 'y');
+  update_key_in_settings_file({{"a", half}}, "ServiceConfig");
+  const std::string with_half = contents();
+  ASSERT_NE(with_half, before);
+  update_key_in_settings_file({{"b", half}}, "ServiceConfig");
+  EXPECT_EQ(contents(), with_half);
+  write_settings_file({{"whole", big}});
+  EXPECT_EQ(contents(), with_half);
+  EXPECT_LE(contents().size(), kMaxSettingsFileBytes);
 }
 
 TEST_F(SettingsFileTest, ConcurrentUpdatesOfDifferentKeysAreAllKept) {
@@ -80,8 +141,7 @@ TEST_F(SettingsFileTest, ConcurrentUpdatesOfDifferentKeysAreAllKept) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
       std::string key = "thread-" + std::to_string(t);
-      for (int i = 0; i < kUpdatesPerThread; ++i)
-        update_key_in_settings_file({{"k" + std::to_string(i), i}}, key);
+      for (int i = 0; i < kUpdatesPerThread; ++i) update_key_in_settings_file({{"k" + std::to_string(i), i}}, key);
     });
   }
   // Readers interleave with the writers and must never see a torn file.
@@ -96,6 +156,67 @@ TEST_F(SettingsFileTest, ConcurrentUpdatesOfDifferentKeysAreAllKept) {
     ASSERT_TRUE(mine);
     EXPECT_EQ(mine->size(), static_cast<size_t>(kUpdatesPerThread)) << "thread " << t << " lost updates";
   }
+}
+
+// A command-line run of the host and the daemon are separate processes:
+// only the lock file keeps their read-merge-writes apart.
+TEST_F(SettingsFileTest, UpdatesFromSeveralProcessesAreAllKept) {
+  constexpr int kProcesses = 6;
+  constexpr int kUpdatesPerProcess = 40;
+  update_keys_in_settings_file({{"before", true}});
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      // Half the children behave like a daemon that has had its first idle
+      // pass, half like a command-line run that never makes the lock.
+      if (p % 2) create_settings_lock();
+      std::string key = "process-" + std::to_string(p);
+      for (int i = 0; i < kUpdatesPerProcess; ++i) {
+        if (i % 2)
+          update_key_in_settings_file({{"k" + std::to_string(i), i}}, key);
+        else
+          update_keys_in_settings_file({{key + "-top-" + std::to_string(i), i}});
+        read_settings_file();
+      }
+      ::_exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  plist::Dict settings = *read_settings_file();
+  EXPECT_EQ(settings.size(), 1u + kProcesses * (1u + kUpdatesPerProcess / 2));
+  for (int p = 0; p < kProcesses; ++p) {
+    const plist::Dict* mine = settings.find_dict("process-" + std::to_string(p));
+    ASSERT_TRUE(mine) << "process " << p;
+    EXPECT_EQ(mine->size(), static_cast<size_t>(kUpdatesPerProcess / 2)) << "process " << p << " lost updates";
+  }
+  EXPECT_FALSE(log_.contains("hubwarden_info:"));
+}
+
+TEST_F(SettingsFileTest, WriterThatCannotGetTheLockWritesNothingButReadersStillRead) {
+  update_keys_in_settings_file({{"kept", 1}});
+  const std::string before = contents();
+  set_settings_lock_timeout_for_testing(std::chrono::milliseconds(50));
+  {
+    // Another holder: a separate open of the lock file conflicts like
+    // another process would.
+    std::optional<platform::FileLock> other =
+        platform::FileLock::acquire(root_.path(kSettingsLockPath), platform::FileLock::Mode::Exclusive);
+    ASSERT_TRUE(other);
+    update_keys_in_settings_file({{"lost", 2}});
+    overwrite_key_in_settings_file(3, "lost");
+    EXPECT_EQ(contents(), before);
+    EXPECT_TRUE(log_.contains(platform::Priority::Error, "hubwarden_info: cannot lock the settings file"));
+    ASSERT_TRUE(read_key_from_settings_file("kept"));
+  }
+  update_keys_in_settings_file({{"after", 4}});
+  EXPECT_TRUE(read_key_from_settings_file("after"));
 }
 
 }  // namespace
