@@ -13,10 +13,13 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <thread>
 
 #include "platform/file_util.h"
+#include "platform/log.h"
+#include "platform/utf8.h"
 
 namespace hubwardend {
 namespace {
@@ -29,7 +32,10 @@ struct Address {
   socklen_t length = 0;
 };
 
-std::vector<Address> up_addresses() {
+// The addresses of the interfaces that are up, loopback aside. Interfaces
+// whose names are not UTF-8 cannot be named in a snapshot; they are left
+// out and their names added to *unnamable.
+std::vector<Address> up_addresses(std::set<std::string>* unnamable) {
   std::vector<Address> out;
   struct ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return out;
@@ -38,6 +44,10 @@ std::vector<Address> up_addresses() {
     if (!(it->ifa_flags & IFF_UP) || (it->ifa_flags & IFF_LOOPBACK)) continue;
     int family = it->ifa_addr->sa_family;
     if (family != AF_INET && family != AF_INET6) continue;
+    if (!platform::is_valid_utf8(it->ifa_name)) {
+      unnamable->insert(it->ifa_name);
+      continue;
+    }
     Address a;
     a.name = it->ifa_name;
     a.ipv4 = family == AF_INET;
@@ -141,7 +151,15 @@ LinuxNetwork::LinuxNetwork(std::string route_file, std::chrono::milliseconds loo
     : route_file_(std::move(route_file)), lookup_deadline_(lookup_deadline) {}
 
 plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
-  std::vector<Address> addresses = up_addresses();
+  std::set<std::string> unnamable;
+  std::vector<Address> addresses = up_addresses(&unnamable);
+  if (!unnamable.empty()) {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const std::string& name : unnamable)
+      if (reported_names_.insert(name).second)
+        platform::log_error("hubwardend: leaving network interface \"" + platform::escape_for_log(name) +
+                            "\" out of the interface list: name is not UTF-8");
+  }
   std::optional<std::string> primary;
   if (std::optional<std::string> table = platform::read_file(route_file_)) primary = default_route_interface(*table);
 

@@ -3,7 +3,8 @@
 //
 // A snapshot holds one dictionary per IPv4 or IPv6 address of every
 // interface that is up and not a loopback, with the keys, in order:
-//   "name"                    interface name ("eth0")
+//   "name"                    the kernel's interface name ("enp3s0"), not
+//                             the "en0" the network meter shows it as
 //   "family"                  "AF_INET" or "AF_INET6"
 //   "ipAddress"               numeric address text
 //   "isPrimaryIPv4Interface"  true only for the first IPv4 address of the
@@ -12,6 +13,8 @@
 // A complete gathering does the reverse lookups (in parallel, bounded by a
 // deadline) and remembers their answers; a quick one does none and reuses
 // what an earlier complete gathering of this process found.
+//
+// An interface whose name is not UTF-8 is left out, and logged once.
 //
 // Resolver calls that outlive their deadline are left to finish on their
 // own threads; the caller never waits longer than asked. Safe from several
@@ -22,6 +25,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,6 +56,7 @@ class LinuxNetwork : public platform::Network {
   const std::chrono::milliseconds lookup_deadline_;
   std::mutex mu_;
   std::map<std::string, std::string> dns_names_;  // address -> name; guarded by mu_
+  std::set<std::string> reported_names_;          // unusable names already logged; guarded by mu_
 };
 
 }  // namespace hubwardend

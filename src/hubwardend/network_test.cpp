@@ -1,7 +1,18 @@
 #include "hubwardend/network.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/fake/fake_log.h"
+#include "platform/registry.h"
 
 namespace hubwardend {
 namespace {
@@ -55,6 +66,52 @@ TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
   if (complete.size() == quick.size()) {
     EXPECT_EQ(complete, quick);
   }
+}
+
+// A veth pair in a network namespace of the test's own thread, one end
+// named with a byte that is not UTF-8.
+TEST(NetworkTest, InterfacesWithNamesThatAreNotUtf8AreLeftOutAndLoggedOnce) {
+  if (::geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";
+  platform::FakeLog log;
+  platform::Log* previous = platform::slot<platform::Log>();
+  platform::install<platform::Log>(&log);
+  std::string route_file =
+      (std::filesystem::temp_directory_path() / ("network-test-route-" + std::to_string(::getpid()))).string();
+  std::ofstream(route_file) << "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\n"
+                               "vok\t00000000\t0100090A\t0003\t0\t0\t0\t00000000\n";
+
+  std::string skip, error;
+  std::vector<plist::Array> snapshots;
+  std::thread([&] {
+    if (::unshare(CLONE_NEWNET) != 0) {
+      skip = std::string("cannot make a network namespace: ") + std::strerror(errno);
+      return;
+    }
+    // The namespace's own sysctl tree: no IPv6 link-local addresses.
+    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << "1";
+    if (std::system("ip link add vok type veth peer name \"$(printf 'v\\377')\" && "
+                    "ip addr add 10.9.9.2/24 dev vok && ip addr add 10.9.9.1/24 dev \"$(printf 'v\\377')\" && "
+                    "ip link set vok up && ip link set \"$(printf 'v\\377')\" up") != 0) {
+      error = "ip could not make the veth pair";
+      return;
+    }
+    LinuxNetwork network(route_file);
+    for (int i = 0; i < 2; ++i) snapshots.push_back(network.get_interfaces_info(false));
+  }).join();
+  std::filesystem::remove(route_file);
+  platform::install<platform::Log>(previous);
+  if (!skip.empty()) GTEST_SKIP() << skip;
+  ASSERT_EQ(error, "");
+
+  for (const plist::Array& snapshot : snapshots) {
+    ASSERT_EQ(snapshot.size(), 1u);
+    const plist::Dict& only = *snapshot[0].as_dict();
+    EXPECT_EQ(*only.find_string("name"), "vok");
+    EXPECT_EQ(*only.find_string("ipAddress"), "10.9.9.2");
+    EXPECT_EQ(*only.find("isPrimaryIPv4Interface"), plist::Value(true));
+  }
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.contains(platform::Priority::Error, "\"v\\xff\" out of the interface list"));
 }
 
 TEST(NetworkTest, HostNamesOfThisHostAndOfAddresses) {
