@@ -11,6 +11,7 @@
 #include "platform/linux/meters_linux.h"
 #include "platform/linux/metered_interfaces.h"
 #include "platform/linux/proc_process_table.h"
+#include "platform/linux/process_signals.h"
 #include "platform/linux/systemd_service_manager.h"
 #include "platform/log.h"
 
@@ -64,6 +65,11 @@ void Host::install_linux_services() {
   own<platform::InterfaceStats>(platform::make_sysfs_interface_stats(platform::load_metered_interfaces()));
   own<platform::Volumes>(platform::make_mount_volumes());
   own<platform::ProcessTable>(platform::make_proc_process_table());
+  // A host on a sandbox root may signal only the processes it started.
+  if (platform::get<platform::Paths>().is_real_root())
+    own<platform::ProcessSignals>(platform::make_linux_process_signals());
+  else
+    own<platform::ProcessSignals>(platform::make_sandbox_process_signals());
 
   std::string history_error;
   auto history = open_history_store(platform::resolve(kHistoryDatabasePath), {}, &history_error);

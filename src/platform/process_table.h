@@ -57,6 +57,18 @@ struct ProcessRegions {
   uint64_t resident_shared = 0;
 };
 
+// The parts of a process's record a listing reads. The stat part (identity,
+// state, command, start time, threads, sizes, faults and CPU time) is always
+// read; each part here costs one more read per process, so a caller asks
+// only for what it will use. Facts of parts not asked for are 0.
+enum ProcessParts : uint32_t {
+  kProcessStatOnly = 0,
+  kProcessOwner = 1u << 0,        // uid; brings virtual_private_bytes along
+  kProcessPrivateSize = 1u << 1,  // virtual_private_bytes
+  kProcessDescriptors = 1u << 2,  // ports
+  kProcessAllParts = kProcessOwner | kProcessPrivateSize | kProcessDescriptors,
+};
+
 struct HostLoad {
   double load_average[3] = {0, 0, 0};
   uint64_t faults = 0;  // system-wide counters since boot
@@ -78,9 +90,11 @@ class ProcessTable {
   virtual ~ProcessTable() = default;
 
   // Replaces *out with the facts of every process that could be read, in no
-  // particular order. Returns 0, or an errno value when the table itself
-  // cannot be listed (then *out is empty).
-  virtual int list(std::vector<ProcessFacts>* out) = 0;
+  // particular order; parts is a mask of ProcessParts. A process whose stat,
+  // owner or private-size part cannot be read is left out; descriptors that
+  // cannot be counted read as 0 ports. Returns 0, or an errno
+  // value when the table itself cannot be listed (then *out is empty).
+  virtual int list(std::vector<ProcessFacts>* out, uint32_t parts) = 0;
 
   // Region figures of one process. Returns false when the process is gone
   // or its mappings may not be read; *out is then zero.

@@ -3,95 +3,181 @@
 // Choices where the console's request may be odd:
 // - "fieldsToReturn" that is not an array counts as naming unknown fields;
 //   a sort key or direction that is not a string is an unknown key or a
-//   malformed direction.
-// - "limit" counts only as a number; reals are truncated and values beyond
-//   the 32-bit range saturate, so they mean "no limit" rather than wrap.
-// - "pids" elements that are numbers are signalled by their integer value
-//   (reals truncated) and reported under its decimal text. A string element
-//   is never signalled (not even one holding digits): it is "FAILURE" under
-//   its own text. Elements of any other type cannot be named in the reply;
-//   they are skipped but still make "killedAllProcesses" false. Numbers
-//   beyond the range of process numbers are "FAILURE" without a signal.
-// - When the sampler cannot start or sample, the reply is an empty
-//   "processInfo" array (the reason is in the system log).
+//   malformed direction. A field named more than once is output once, where
+//   it was first named.
+// - "limit" and the "pids" elements are read by their integer value, as the
+//   older text form (strings only) needs: a number is truncated toward zero,
+//   a string counts when it is decimal digits with an optional sign (blanks
+//   around them allowed) and is 0 otherwise. A "limit" beyond the 32-bit
+//   range means no limit rather than wrapping.
+// - "killResults" keys each element by its decimal text: a string element
+//   under the string itself, a number under its integer value (so 7.9 is
+//   "7"). Elements of any other type cannot be named in the reply; they are
+//   skipped but still make "killedAllProcesses" false. Numbers beyond the
+//   range of process numbers are "FAILURE" without a signal, and so is every
+//   pid when no signal service is installed.
+// - When the sampler cannot sample, the reply is an empty "processInfo"
+//   array (the reason is in the system log).
+//
+// The listing asks the process table for no more than the reply needs: the
+// first sample only has to give CPU times to difference, so it reads one
+// file per process; the second reads the parts that the requested fields
+// and sort keys use, and region figures only when "Private" or "Shared" is
+// among them.
 //
 // Log lines: "Got headers" at notice priority, the failed checks at error
 // priority, like every other failure the module logs.
 #include "monitor/process_list.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <limits>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
+#include "monitor/sampler/process_sampler.h"
+#include "platform/clock.h"
 #include "platform/log.h"
+#include "platform/process_table.h"
+#include "platform/registry.h"
+#include "platform/signals.h"
+#include "platform/sleeper.h"
 #include "request/operations.h"
 
 namespace hubwarden {
 
 namespace {
 
-constexpr const char* kAcceptedFields[] = {
+// The accepted names, in the order the list is built; Field numbers them.
+constexpr std::string_view kAcceptedFields[] = {
     "Command", "PID",     "UIDPPID",      "CPUUsage",          "GID",         "Ports",
     "Shared",  "Threads", "Private",      "VPrivate",          "VirtualSize", "ResidentSize",
     "Faults",  "PageIns", "TotalSeconds", "TotalMicroSeconds", "Username",
 };
+enum Field : uint8_t {
+  kCommand,
+  kPid,
+  kUidPpid,
+  kCpuUsage,
+  kGid,
+  kPorts,
+  kShared,
+  kThreads,
+  kPrivate,
+  kVPrivate,
+  kVirtualSize,
+  kResidentSize,
+  kFaults,
+  kPageIns,
+  kTotalSeconds,
+  kTotalMicroSeconds,
+  kUsername,
+  kFieldCount,
+};
+static_assert(std::size(kAcceptedFields) == kFieldCount);
 
 constexpr int64_t kNoLimit = 2147483647;
 
-// One sampler per process: a second request waits for the first to finish.
-std::mutex gSamplerMutex;
+// The figures samp_p_sort_subcomp can compare, one per matched name.
+enum class SortKey : uint8_t {
+  kNone,
+  kCommand,
+  kPid,
+  kUid,
+  kPpid,
+  kGid,
+  kPorts,
+  kShared,
+  kThreads,
+  kPrivate,
+  kVPrivate,
+  kVirtualSize,
+  kResidentSize,
+  kFaults,
+  kPageIns,
+  kCpuUsage,
+  kTotalTime,
+};
 
-std::function<void()>& sample_pause() {
-  static std::function<void()> pause;
-  return pause;
+SortKey sort_key_named(std::string_view key) {
+  static constexpr std::pair<std::string_view, SortKey> kKeys[] = {
+      {"Command", SortKey::kCommand},
+      {"PID", SortKey::kPid},
+      {"UID", SortKey::kUid},
+      {"PPID", SortKey::kPpid},
+      {"GID", SortKey::kGid},
+      {"Ports", SortKey::kPorts},
+      {"Shared", SortKey::kShared},
+      {"Threads", SortKey::kThreads},
+      {"Private", SortKey::kPrivate},
+      {"VPrivate", SortKey::kVPrivate},
+      {"VirtualSize", SortKey::kVirtualSize},
+      {"ResidentSize", SortKey::kResidentSize},
+      {"Faults", SortKey::kFaults},
+      {"PageIns", SortKey::kPageIns},
+      {"CPUUsage", SortKey::kCpuUsage},
+      {"TotalSeconds", SortKey::kTotalTime},
+      {"TotalMicroSeconds", SortKey::kTotalTime},
+  };
+  for (const auto& [name, k] : kKeys)
+    if (key == name) return k;
+  return SortKey::kNone;
 }
 
-std::function<int(pid_t, int)>& signal_sender() {
-  static std::function<int(pid_t, int)> send;
-  return send;
-}
-
-void pause_between_samples() {
-  if (sample_pause())
-    sample_pause()();
-  else
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-}
-
-int send_signal(pid_t pid, int signal) {
-  if (signal_sender()) return signal_sender()(pid, signal);
-  return ::kill(pid, signal);
-}
-
-void print_to_log(void*, const char* format, ...) {
-  char text[512];
-  va_list args;
-  va_start(args, format);
-  ::vsnprintf(text, sizeof(text), format, args);
-  va_end(args);
-  platform::log_error(std::string("hubwarden_info: ") + text);
-}
-
-bool is_accepted(const Value& name) {
+// The accepted field of that name, or nullopt. A request may repeat names
+// millions of times, so the length is compared before any bytes.
+std::optional<Field> field_named(const Value& name) {
   const std::string* s = name.as_string();
-  if (!s) return false;
-  for (const char* accepted : kAcceptedFields)
-    if (*s == accepted) return true;
-  return false;
+  if (!s) return std::nullopt;
+  for (uint8_t i = 0; i < kFieldCount; ++i)
+    if (kAcceptedFields[i].size() == s->size() && kAcceptedFields[i] == *s) return static_cast<Field>(i);
+  return std::nullopt;
 }
 
 bool is_direction(const Value& v) {
   const std::string* s = v.as_string();
   return s && (*s == "ASC" || *s == "DESC");
+}
+
+// Decimal digits with an optional sign and blanks around them; 0 for any
+// other text. Out-of-range values saturate.
+int64_t integer_from_text(std::string_view text) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+  bool negative = false;
+  if (!text.empty() && (text.front() == '+' || text.front() == '-')) {
+    negative = text.front() == '-';
+    text.remove_prefix(1);
+  }
+  if (text.empty()) return 0;
+  for (char c : text)
+    if (c < '0' || c > '9') return 0;
+  uint64_t magnitude = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), magnitude);
+  (void)end;
+  constexpr uint64_t kMaxMagnitude = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  if (ec == std::errc::result_out_of_range || magnitude > kMaxMagnitude)
+    return negative ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+  return negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+}
+
+// A number's or a numeric string's integer value; nullopt for other types.
+std::optional<int64_t> integer_value(const Value& v) {
+  if (v.is_number()) return v.to_int64();
+  if (const std::string* s = v.as_string()) return integer_from_text(*s);
+  return std::nullopt;
 }
 
 template <typename T>
@@ -105,6 +191,65 @@ int compare_times(libtop_time_t a, libtop_time_t b) {
 }
 
 libtop_time_t used_since_previous(const libtop_pinfo_t* p) { return libtop_time_sub(p->total_time, p->p_total_time); }
+
+int compare_on(SortKey key, const libtop_pinfo_t* a, const libtop_pinfo_t* b) {
+  switch (key) {
+    case SortKey::kCommand:
+      return three_way(a->command.compare(b->command), 0);
+    case SortKey::kPid:
+      return three_way(static_cast<int32_t>(a->pid), static_cast<int32_t>(b->pid));
+    case SortKey::kUid:
+      return three_way(a->uid, b->uid);
+    case SortKey::kPpid:
+      return three_way(static_cast<int32_t>(a->ppid), static_cast<int32_t>(b->ppid));
+    case SortKey::kGid:
+      return three_way(a->pgid, b->pgid);
+    case SortKey::kPorts:
+      return three_way(a->ports, b->ports);
+    case SortKey::kShared:
+      return three_way(a->rshrd, b->rshrd);
+    case SortKey::kThreads:
+      return three_way(a->threads, b->threads);
+    case SortKey::kPrivate:
+      return three_way(a->rprvt, b->rprvt);
+    case SortKey::kVPrivate:
+      return three_way(a->vprvt, b->vprvt);
+    case SortKey::kVirtualSize:
+      return three_way(a->vsize, b->vsize);
+    case SortKey::kResidentSize:
+      return three_way(a->rsize, b->rsize);
+    case SortKey::kFaults:
+      return three_way(libtop_i64_value(&a->faults), libtop_i64_value(&b->faults));
+    case SortKey::kPageIns:
+      return three_way(libtop_i64_value(&a->pageins), libtop_i64_value(&b->pageins));
+    case SortKey::kCpuUsage:
+      return compare_times(used_since_previous(a), used_since_previous(b));
+    case SortKey::kTotalTime:
+      return compare_times(a->total_time, b->total_time);
+    case SortKey::kNone:
+      break;
+  }
+  return 0;
+}
+
+// The sort specification with its names looked up once rather than at each
+// of the twenty-odd thousand comparisons of a server-sized table; it orders
+// exactly as samp_p_sort does with the same dictionary.
+struct ResolvedSort {
+  SortKey primary;
+  SortKey secondary;
+  bool primary_ascending;
+  bool secondary_ascending;
+
+  static int compare(const void* data, const libtop_pinfo_t* a, const libtop_pinfo_t* b) {
+    const ResolvedSort& spec = *static_cast<const ResolvedSort*>(data);
+    int r = compare_on(spec.primary, a, b);
+    if (!spec.primary_ascending) r = -r;
+    if (r != 0) return r;
+    r = compare_on(spec.secondary, a, b);
+    return spec.secondary_ascending ? r : -r;
+  }
+};
 
 uint32_t clamp32(int64_t v) {
   if (v < 0) return 0;
@@ -146,83 +291,148 @@ bool is_valid_utf8(std::string_view s) {
   return true;
 }
 
-void add_field(Dict* out, const std::string& field, const libtop_pinfo_t* p, const libtop_tsamp_t* sample) {
-  if (field == "Command")
-    out->set(field, is_valid_utf8(p->command) ? Value(p->command) : Value("?"));
-  else if (field == "PID")
-    out->set(field, p->pid);
-  else if (field == "CPUUsage")
-    out->set(field, double_from_usage(p, sample));
-  else if (field == "Ports")
-    out->set(field, p->ports);
-  else if (field == "Shared")
-    out->set(field, p->rshrd);
-  else if (field == "Threads")
-    out->set(field, p->threads);
-  else if (field == "Private")
-    out->set(field, p->rprvt);
-  else if (field == "VPrivate")
-    out->set(field, p->vprvt);
-  else if (field == "VirtualSize")
-    out->set(field, p->vsize);
-  else if (field == "ResidentSize")
-    out->set(field, p->rsize);
-  else if (field == "Faults")
-    out->set(field, clamp32(libtop_i64_value(&p->faults)));
-  else if (field == "PageIns")
-    out->set(field, clamp32(libtop_i64_value(&p->pageins)));
-  else if (field == "TotalSeconds")
-    out->set(field, clamp32(p->total_time.seconds));
-  else if (field == "TotalMicroSeconds")
-    out->set(field, clamp32(p->total_time.microseconds));
-  // "UIDPPID", "Username" and "GID" are accepted and add nothing.
+void add_field(Dict* out, Field field, const libtop_pinfo_t* p, const libtop_tsamp_t* sample) {
+  std::string_view name = kAcceptedFields[field];
+  switch (field) {
+    case kCommand:
+      out->set(name, is_valid_utf8(p->command) ? Value(p->command) : Value("?"));
+      break;
+    case kPid:
+      out->set(name, p->pid);
+      break;
+    case kCpuUsage:
+      out->set(name, double_from_usage(p, sample));
+      break;
+    case kPorts:
+      out->set(name, p->ports);
+      break;
+    case kShared:
+      out->set(name, p->rshrd);
+      break;
+    case kThreads:
+      out->set(name, p->threads);
+      break;
+    case kPrivate:
+      out->set(name, p->rprvt);
+      break;
+    case kVPrivate:
+      out->set(name, p->vprvt);
+      break;
+    case kVirtualSize:
+      out->set(name, p->vsize);
+      break;
+    case kResidentSize:
+      out->set(name, p->rsize);
+      break;
+    case kFaults:
+      out->set(name, clamp32(libtop_i64_value(&p->faults)));
+      break;
+    case kPageIns:
+      out->set(name, clamp32(libtop_i64_value(&p->pageins)));
+      break;
+    case kTotalSeconds:
+      out->set(name, clamp32(p->total_time.seconds));
+      break;
+    case kTotalMicroSeconds:
+      out->set(name, clamp32(p->total_time.microseconds));
+      break;
+    case kUidPpid:
+    case kUsername:
+    case kGid:
+    case kFieldCount:
+      break;  // accepted, and add nothing
+  }
+}
+
+// The fields a request names, each once, in the order first named; nullopt
+// when one is not accepted.
+std::optional<std::vector<Field>> requested_fields(const Array& names) {
+  std::vector<Field> fields;
+  uint32_t seen = 0;
+  for (const Value& name : names) {
+    std::optional<Field> field = field_named(name);
+    if (!field) return std::nullopt;
+    if (seen & (1u << *field)) continue;
+    seen |= 1u << *field;
+    fields.push_back(*field);
+  }
+  return fields;
+}
+
+// What the second sample must read for these output fields and sort keys.
+SampleScope scope_for(const std::vector<Field>& fields, const ResolvedSort& sort) {
+  SampleScope scope;
+  scope.parts = platform::kProcessStatOnly;
+  scope.host_load = false;
+  auto need = [&scope](bool descriptors, bool private_size, bool regions) {
+    if (descriptors) scope.parts |= platform::kProcessDescriptors;
+    if (private_size) scope.parts |= platform::kProcessPrivateSize;
+    scope.regions = scope.regions || regions;
+  };
+  for (Field f : fields) need(f == kPorts, f == kVPrivate, f == kPrivate || f == kShared);
+  for (SortKey k : {sort.primary, sort.secondary})
+    need(k == SortKey::kPorts, k == SortKey::kVPrivate, k == SortKey::kPrivate || k == SortKey::kShared);
+  return scope;
+}
+
+void print_to_log(void*, const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  ::vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  platform::log_error(std::string("hubwarden_info: ") + text);
+}
+
+void pause_between_samples() {
+  if (platform::has<platform::Sleeper>())
+    platform::get<platform::Sleeper>().sleep_for(1.0);
+  else
+    std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
 // The sampled, sorted, limited table; empty when the sampler fails.
-Array sample_processes(const Array* fields, int64_t limit, const Dict& sort_spec) {
-  std::lock_guard<std::mutex> lock(gSamplerMutex);
+Array sample_processes(const std::vector<Field>& fields, int64_t limit, const ResolvedSort& sort) {
   Array rows;
-  if (libtop_init(print_to_log, nullptr) != 0) return rows;
-  bool sampled = libtop_sample(true, false) == 0;
-  if (sampled) {
-    pause_between_samples();
-    sampled = libtop_sample(true, false) == 0;
+  if (!platform::has<platform::ProcessTable>()) {
+    print_to_log(nullptr, "%s(): Error in process table: %s", "libtop_init", "none installed");
+    return rows;
   }
-  if (sampled) {
-    libtop_psort(samp_p_sort, &sort_spec);
-    const libtop_tsamp_t* sample = libtop_tsamp();
-    for (const libtop_pinfo_t* p = libtop_piterate(); p && static_cast<int64_t>(rows.size()) < limit;
-         p = libtop_piterate()) {
-      Dict row;
-      if (fields)
-        for (const Value& field : *fields) add_field(&row, *field.as_string(), p, sample);
-      rows.emplace_back(std::move(row));
-    }
+  platform::Clock* clock = platform::has<platform::Clock>() ? &platform::get<platform::Clock>() : nullptr;
+  ProcessSampler sampler(platform::get<platform::ProcessTable>(), clock, print_to_log, nullptr);
+
+  // The first sample is the baseline the CPU figures are measured from;
+  // every other figure comes from the second.
+  SampleScope baseline;
+  baseline.parts = platform::kProcessStatOnly;
+  baseline.host_load = false;
+  if (sampler.sample(baseline) != 0) return rows;
+  pause_between_samples();
+  if (sampler.sample(scope_for(fields, sort)) != 0) return rows;
+
+  sampler.sort(ResolvedSort::compare, &sort);
+  const libtop_tsamp_t* sample = &sampler.tsamp();
+  size_t count = static_cast<size_t>(std::min<int64_t>(limit, sample->processes));
+  rows.reserve(count);
+  for (const libtop_pinfo_t* p = sampler.next(); p && static_cast<int64_t>(rows.size()) < limit; p = sampler.next()) {
+    Dict row;
+    row.reserve(fields.size());
+    for (Field field : fields) add_field(&row, field, p, sample);
+    rows.emplace_back(std::move(row));
   }
-  libtop_fini();
   return rows;
+}
+
+// The signal service's answer, or a refusal when there is none.
+int send_signal(pid_t pid, int signal) {
+  if (!platform::has<platform::ProcessSignals>()) return EPERM;
+  return platform::get<platform::ProcessSignals>().send(pid, signal);
 }
 
 }  // namespace
 
 int samp_p_sort_subcomp(std::string_view key, const libtop_pinfo_t* a, const libtop_pinfo_t* b) {
-  if (key == "Command") return three_way(a->command.compare(b->command), 0);
-  if (key == "PID") return three_way(static_cast<int32_t>(a->pid), static_cast<int32_t>(b->pid));
-  if (key == "UID") return three_way(a->uid, b->uid);
-  if (key == "PPID") return three_way(static_cast<int32_t>(a->ppid), static_cast<int32_t>(b->ppid));
-  if (key == "GID") return three_way(a->pgid, b->pgid);
-  if (key == "Ports") return three_way(a->ports, b->ports);
-  if (key == "Shared") return three_way(a->rshrd, b->rshrd);
-  if (key == "Threads") return three_way(a->threads, b->threads);
-  if (key == "Private") return three_way(a->rprvt, b->rprvt);
-  if (key == "VPrivate") return three_way(a->vprvt, b->vprvt);
-  if (key == "VirtualSize") return three_way(a->vsize, b->vsize);
-  if (key == "ResidentSize") return three_way(a->rsize, b->rsize);
-  if (key == "Faults") return three_way(libtop_i64_value(&a->faults), libtop_i64_value(&b->faults));
-  if (key == "PageIns") return three_way(libtop_i64_value(&a->pageins), libtop_i64_value(&b->pageins));
-  if (key == "CPUUsage") return compare_times(used_since_previous(a), used_since_previous(b));
-  if (key == "TotalSeconds" || key == "TotalMicroSeconds") return compare_times(a->total_time, b->total_time);
-  return 0;
+  return compare_on(sort_key_named(key), a, b);
 }
 
 int samp_p_sort(const void* sort_spec, const libtop_pinfo_t* a, const libtop_pinfo_t* b) {
@@ -248,18 +458,14 @@ double double_from_usage(const libtop_pinfo_t* process, const libtop_tsamp_t* sa
   return used * 100.0 / elapsed;
 }
 
-void set_process_sample_pause_for_testing(std::function<void()> pause) { sample_pause() = std::move(pause); }
-
-void set_signal_sender_for_testing(std::function<int(pid_t, int)> send) { signal_sender() = std::move(send); }
-
 ErrorName list_processes(const Dict& request, ReplySlot& reply, Dict* context) {
   (void)context;
   const Value* fields_value = request.find("fieldsToReturn");
-  const Array* fields = fields_value ? fields_value->as_array() : nullptr;
+  const Array* field_names = fields_value ? fields_value->as_array() : nullptr;
 
   int64_t limit = kNoLimit;
-  if (const Value* requested = request.find_number("limit")) {
-    int64_t n = requested->to_int64().value_or(0);
+  if (const Value* requested = request.find("limit")) {
+    int64_t n = integer_value(*requested).value_or(0);
     if (n > 0) limit = n < kNoLimit ? n : kNoLimit;
   }
 
@@ -278,14 +484,16 @@ ErrorName list_processes(const Dict& request, ReplySlot& reply, Dict* context) {
 
   platform::log_notice("hubwarden_info: Got headers");
 
-  bool fields_known = !fields_value || fields;
-  if (fields)
-    for (const Value& field : *fields) fields_known = fields_known && is_accepted(field);
-  if (!fields_known) {
+  std::optional<std::vector<Field>> fields;
+  if (!fields_value)
+    fields.emplace();
+  else if (field_names)
+    fields = requested_fields(*field_names);
+  if (!fields) {
     platform::log_error("hubwarden_info: Failed error check: Specified an invalid unknown field to return.");
     return kUnknownFieldsToReturnErr;
   }
-  if (!is_accepted(primary_key) || !is_accepted(secondary_key)) {
+  if (!field_named(primary_key) || !field_named(secondary_key)) {
     platform::log_error("hubwarden_info: Failed error check: Specified an invalid sort key.");
     return kUnknownSortKeyErr;
   }
@@ -294,14 +502,14 @@ ErrorName list_processes(const Dict& request, ReplySlot& reply, Dict* context) {
     return kMalformedSortDirectionErr;
   }
 
-  Dict sort_spec;
-  sort_spec.set("primarySortKey", primary_key);
-  sort_spec.set("secondarySortKey", secondary_key);
-  sort_spec.set("primarySortDirection", primary_direction);
-  sort_spec.set("secondarySortDirection", secondary_direction);
+  ResolvedSort sort;
+  sort.primary = sort_key_named(*primary_key.as_string());
+  sort.secondary = sort_key_named(*secondary_key.as_string());
+  sort.primary_ascending = *primary_direction.as_string() == "ASC";
+  sort.secondary_ascending = *secondary_direction.as_string() == "ASC";
 
   Dict result;
-  result.set("processInfo", sample_processes(fields, limit, sort_spec));
+  result.set("processInfo", sample_processes(*fields, limit, sort));
   reply = std::move(result);
   return nullptr;
 }
@@ -312,24 +520,27 @@ ErrorName kill_processes(const Dict& request, ReplySlot& reply, Dict* context) {
   Dict results;
   if (const Array* pids = request.find_array("pids")) {
     for (const Value& n : *pids) {
-      std::string key;
-      bool killed = false;
-      if (n.is_number()) {
-        int64_t p = n.to_int64().value_or(0);
-        key = std::to_string(p);
-        // 0 and 1 are the kernel's and init's; negative numbers would signal
-        // whole process groups. Neither is ever signalled.
-        if (p > 1 && p <= INT32_MAX) {
-          pid_t pid = static_cast<pid_t>(p);
-          // The second signal only stands in when the first could not be
-          // sent at all; a process that ignores termination counts as ended.
-          killed = send_signal(pid, SIGTERM) == 0 || send_signal(pid, SIGKILL) == 0;
-        }
-      } else if (const std::string* text = n.as_string()) {
-        key = *text;
-      } else {
+      std::optional<int64_t> p = integer_value(n);
+      if (!p) {
         all_killed = false;
         continue;
+      }
+      std::string key;
+      if (const std::string* text = n.as_string())
+        key = *text;
+      else if (const uint64_t* u = n.as_unsigned())
+        key = std::to_string(*u);
+      else
+        key = std::to_string(*p);
+      bool killed = false;
+      // 0 and 1 are the kernel's and init's; negative numbers would signal
+      // whole process groups. Neither is ever signalled. The signal service
+      // adds its own refusals (the host, its parent, a sandbox's outside).
+      if (*p > 1 && *p <= INT32_MAX) {
+        pid_t pid = static_cast<pid_t>(*p);
+        // The second signal only stands in when the first could not be
+        // sent at all; a process that ignores termination counts as ended.
+        killed = send_signal(pid, SIGTERM) == 0 || send_signal(pid, SIGKILL) == 0;
       }
       if (!killed) all_killed = false;
       results.set(key, killed ? "SUCCESS" : "FAILURE");

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,9 +15,12 @@
 #include <vector>
 
 #include "monitor/monitor_test_support.h"
+#include "platform/fake/fake_process_signals.h"
 #include "platform/fake/fake_process_table.h"
 #include "platform/linux/proc_process_table.h"
+#include "platform/linux/process_signals.h"
 #include "platform/log.h"
+#include "platform/sleeper.h"
 #include "request/operations.h"
 
 namespace hubwarden {
@@ -37,18 +42,28 @@ class RecordingLog : public platform::Log {
   std::mutex mu_;
 };
 
+// Stands in for the second between samples: runs the test's action (or
+// sleeps a little, for tests on the real table) instead.
+class ActionSleeper : public platform::Sleeper {
+ public:
+  explicit ActionSleeper(std::function<void(double)> action) : action_(std::move(action)) {}
+  void sleep_for(double seconds) override { action_(seconds); }
+
+ private:
+  std::function<void(double)> action_;
+};
+
 class ProcessListTest : public ::testing::Test {
  protected:
-  ProcessListTest() : table_slot_(&table_), clock_slot_(&clock_), log_slot_(&log_) {
-    set_process_sample_pause_for_testing([this] {
-      clock_.time += 1;
-      if (between_samples_) between_samples_();
-    });
-  }
-  ~ProcessListTest() override {
-    set_process_sample_pause_for_testing(nullptr);
-    set_signal_sender_for_testing(nullptr);
-  }
+  ProcessListTest()
+      : sleeper_([this](double seconds) {
+          clock_.time += seconds;
+          if (between_samples_) between_samples_();
+        }),
+        table_slot_(&table_),
+        clock_slot_(&clock_),
+        log_slot_(&log_),
+        sleeper_slot_(&sleeper_) {}
 
   // Runs "listProcesses"; on success returns the rows.
   std::pair<ErrorName, Array> list(Dict request) {
@@ -71,9 +86,11 @@ class ProcessListTest : public ::testing::Test {
   platform::FakeProcessTable table_;
   ManualClock clock_;
   RecordingLog log_;
+  ActionSleeper sleeper_;
   Installed<platform::ProcessTable> table_slot_;
   Installed<platform::Clock> clock_slot_;
   Installed<platform::Log> log_slot_;
+  Installed<platform::Sleeper> sleeper_slot_;
   std::function<void()> between_samples_;
   Dict context_;
 };
@@ -138,14 +155,90 @@ TEST_F(ProcessListTest, AcceptedFieldsWithoutOutputAndLimits) {
       {Value(-1e300), 8},
       {Value(int64_t{1} << 40), 8},
       {Value(uint64_t{18446744073709551615u}), 8},
-      {Value("5"), 8},
       {Value(true), 1},
+      // The older text form has only strings.
+      {Value("5"), 5},
+      {Value(" +2 "), 2},
+      {Value("-4"), 8},
+      {Value("3x"), 8},
+      {Value("2.5"), 8},
+      {Value(""), 8},
+      {Value("99999999999999999999999"), 8},
+      {Value(Array{}), 8},
   };
   for (const auto& [limit, expected] : limits) {
     auto [e, limited] = list(Dict{{"limit", limit}, {"fieldsToReturn", Array{"PID"}}});
     ASSERT_EQ(e, nullptr);
     EXPECT_EQ(limited.size(), expected);
   }
+}
+
+TEST_F(ProcessListTest, RepeatedFieldNamesAreOutputOnce) {
+  table_.add(2, "a");
+  table_.add(3, "b");
+  Array fields{"Threads"};
+  fields.insert(fields.end(), 100000, Value("Command"));
+  fields.push_back("PID");
+  fields.push_back("Threads");
+  auto [error, rows] = list(Dict{{"fieldsToReturn", fields}});
+  ASSERT_EQ(error, nullptr);
+  ASSERT_EQ(rows.size(), 2u);
+  for (const Value& row : rows)
+    EXPECT_EQ(testing::keys_of(*row.as_dict()), (std::vector<std::string>{"Threads", "Command", "PID"}));
+
+  // An unknown name behind many good ones is still found.
+  Array bad(100000, Value("PID"));
+  bad.push_back("UID");
+  EXPECT_TRUE(same_error(list(Dict{{"fieldsToReturn", bad}}).first, kUnknownFieldsToReturnErr));
+}
+
+// The first sample reads CPU times alone; the second reads what the fields
+// and sort keys use, and region figures only for "Private" and "Shared".
+// The fake table leaves out what it is not asked for, so a reply built
+// from too little would show zeros here.
+TEST_F(ProcessListTest, ReadsOnlyWhatTheReplyNeeds) {
+  for (uint32_t pid = 2; pid <= 5; ++pid) {
+    platform::ProcessFacts& f = table_.add(pid, "p");
+    f.ports = 10 - pid;
+    f.virtual_private_bytes = pid * 4096;
+    f.uid = 501;
+    table_.process_regions[pid] = platform::ProcessRegions{pid * 100, pid};
+  }
+  using platform::kProcessDescriptors;
+  using platform::kProcessPrivateSize;
+  using platform::kProcessStatOnly;
+  struct Case {
+    Dict request;
+    uint32_t parts;
+    int region_reads;
+  };
+  Case cases[] = {
+      {Dict{}, kProcessStatOnly, 0},
+      {Dict{{"fieldsToReturn", Array{"PID", "CPUUsage", "Command", "Username", "UIDPPID"}}}, kProcessStatOnly, 0},
+      {Dict{{"fieldsToReturn", Array{"Ports"}}}, kProcessDescriptors, 0},
+      {Dict{{"primarySortKey", "Ports"}}, kProcessDescriptors, 0},
+      {Dict{{"fieldsToReturn", Array{"VPrivate"}}}, kProcessPrivateSize, 0},
+      {Dict{{"fieldsToReturn", Array{"Private"}}}, kProcessStatOnly, 4},
+      {Dict{{"secondarySortKey", "Shared"}}, kProcessStatOnly, 4},
+      {Dict{{"fieldsToReturn", Array{"Shared", "Ports", "VPrivate"}}}, kProcessDescriptors | kProcessPrivateSize, 4},
+  };
+  for (Case& c : cases) {
+    table_.parts_asked.clear();
+    table_.region_reads = 0;
+    ASSERT_EQ(list(c.request).first, nullptr);
+    EXPECT_EQ(table_.parts_asked, (std::vector<uint32_t>{kProcessStatOnly, c.parts}));
+    EXPECT_EQ(table_.region_reads, c.region_reads);
+  }
+
+  // Sorting on a figure that is not output still sees it.
+  auto [error, rows] = list(Dict{{"fieldsToReturn", Array{"PID", "VPrivate", "Private", "Shared"}},
+                                 {"primarySortKey", "Ports"},
+                                 {"primarySortDirection", "ASC"}});
+  ASSERT_EQ(error, nullptr);
+  EXPECT_EQ(column(rows, "PID"), (std::vector<uint64_t>{5, 4, 3, 2}));
+  EXPECT_EQ(column(rows, "VPrivate"), (std::vector<uint64_t>{5 * 4096, 4 * 4096, 3 * 4096, 2 * 4096}));
+  EXPECT_EQ(column(rows, "Private"), (std::vector<uint64_t>{500, 400, 300, 200}));
+  EXPECT_EQ(column(rows, "Shared"), (std::vector<uint64_t>{5, 4, 3, 2}));
 }
 
 TEST_F(ProcessListTest, SortOrdersAndTieBreakByPid) {
@@ -160,10 +253,29 @@ TEST_F(ProcessListTest, SortOrdersAndTieBreakByPid) {
     table_.processes[3].cpu_microseconds = 300;
     table_.processes[12].cpu_microseconds = 900;
   };
+  // The listing's order, checked against samp_p_sort over the module-wide
+  // sampler with the same specification (defaults filled in).
   auto pids = [this](Dict request) {
+    Dict spec{{"primarySortKey", "CPUUsage"},
+              {"secondarySortKey", "Command"},
+              {"primarySortDirection", "DESC"},
+              {"secondarySortDirection", "ASC"}};
+    spec.merge(request);
     request.set("fieldsToReturn", Array{"PID"});
     auto [error, rows] = list(std::move(request));
     EXPECT_EQ(error, nullptr);
+
+    std::map<uint32_t, platform::ProcessFacts> saved = table_.processes;
+    for (auto& [pid, f] : table_.processes) f.cpu_microseconds = 0;
+    EXPECT_EQ(libtop_init(nullptr, nullptr), 0);
+    libtop_sample(false, false);
+    table_.processes = saved;
+    libtop_sample(false, false);
+    libtop_psort(samp_p_sort, &spec);
+    std::vector<uint64_t> sorted;
+    while (const libtop_pinfo_t* p = libtop_piterate()) sorted.push_back(p->pid);
+    libtop_fini();
+    EXPECT_EQ(sorted, column(rows, "PID"));
     return column(rows, "PID");
   };
   using V = std::vector<uint64_t>;
@@ -275,7 +387,8 @@ TEST_F(ProcessListTest, SamplerFailureGivesAnEmptyTable) {
 
 TEST_F(ProcessListTest, ConcurrentRequestsEachSeeAWholeTable) {
   for (uint32_t pid = 2; pid < 200; ++pid) table_.add(pid, "p");
-  set_process_sample_pause_for_testing([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+  ActionSleeper brief([](double) { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+  Installed<platform::Sleeper> brief_slot(&brief);
   std::vector<size_t> sizes(4);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < sizes.size(); ++i)
@@ -291,72 +404,116 @@ TEST_F(ProcessListTest, ConcurrentRequestsEachSeeAWholeTable) {
 }
 
 TEST_F(ProcessListTest, KillRules) {
-  std::vector<std::pair<pid_t, int>> sent;
-  set_signal_sender_for_testing([&sent](pid_t pid, int signal) {
-    sent.emplace_back(pid, signal);
-    if (pid == 99999) return -1;                      // no such process
-    if (pid == 4242 && signal == SIGTERM) return -1;  // refused the polite way only
-    return 0;
-  });
+  platform::FakeProcessSignals signals;
+  Installed<platform::ProcessSignals> signals_slot(&signals);
+  signals.pid_results[99999] = ESRCH;        // no such process
+  signals.results[{4242, SIGTERM}] = EPERM;  // refused the polite way only
+  signals.pid_results[77] = EPERM;           // refused both ways
   ReplySlot reply;
-  Dict request{{"pids", Array{1, 0, -3, 99999, 4242, 7.9, "12", Array{}, 1e12, true, 7}}};
+  Dict request{{"pids", Array{1, 0, -3, 99999, 4242, 7.9, "12", Array{}, 1e12, true, 7, "-1", " 13", "x14", "",
+                              uint64_t{18446744073709551615u}, 77}}};
   ASSERT_EQ(kill_processes(request, reply, nullptr), nullptr);
   ASSERT_TRUE(reply);
   EXPECT_EQ(testing::keys_of(*reply), (std::vector<std::string>{"killedAllProcesses", "killResults"}));
   EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), false);
   const Dict& results = *reply->find_dict("killResults");
+  // Strings keep their own text as the key; numbers are keyed by their
+  // integer value; the array is left out.
   EXPECT_EQ(testing::keys_of(results),
-            (std::vector<std::string>{"1", "0", "-3", "99999", "4242", "7", "12", "1000000000000"}));
-  EXPECT_EQ(*results.find_string("1"), "FAILURE");
-  EXPECT_EQ(*results.find_string("0"), "FAILURE");
-  EXPECT_EQ(*results.find_string("-3"), "FAILURE");
-  EXPECT_EQ(*results.find_string("99999"), "FAILURE");
-  EXPECT_EQ(*results.find_string("4242"), "SUCCESS");
-  EXPECT_EQ(*results.find_string("7"), "SUCCESS");
-  EXPECT_EQ(*results.find_string("12"), "FAILURE");
-  EXPECT_EQ(*results.find_string("1000000000000"), "FAILURE");
-  EXPECT_EQ(sent,
-            (std::vector<std::pair<pid_t, int>>{
-                {99999, SIGTERM}, {99999, SIGKILL}, {4242, SIGTERM}, {4242, SIGKILL}, {7, SIGTERM}, {7, SIGTERM}}));
+            (std::vector<std::string>{"1", "0", "-3", "99999", "4242", "7", "12", "1000000000000", "-1", " 13", "x14",
+                                      "", "18446744073709551615", "77"}));
+  const std::pair<const char*, const char*> expected[] = {
+      {"1", "FAILURE"},
+      {"0", "FAILURE"},
+      {"-3", "FAILURE"},
+      {"99999", "FAILURE"},
+      {"4242", "SUCCESS"},
+      {"7", "SUCCESS"},
+      {"12", "SUCCESS"},
+      {"1000000000000", "FAILURE"},
+      {"-1", "FAILURE"},
+      {" 13", "SUCCESS"},
+      {"x14", "FAILURE"},
+      {"", "FAILURE"},
+      {"18446744073709551615", "FAILURE"},
+      {"77", "FAILURE"},
+  };
+  for (const auto& [key, result] : expected) EXPECT_EQ(*results.find_string(key), result) << key;
+  // Nothing at or below 1 and nothing out of range is signalled; the
+  // second signal follows only a refused first.
+  EXPECT_EQ(signals.sent, (std::vector<std::pair<pid_t, int>>{{99999, SIGTERM},
+                                                              {99999, SIGKILL},
+                                                              {4242, SIGTERM},
+                                                              {4242, SIGKILL},
+                                                              {7, SIGTERM},
+                                                              {12, SIGTERM},
+                                                              {7, SIGTERM},
+                                                              {13, SIGTERM},
+                                                              {77, SIGTERM},
+                                                              {77, SIGKILL}}));
 
-  sent.clear();
+  signals.sent.clear();
   reply.reset();
   ASSERT_EQ(kill_processes(Dict{}, reply, nullptr), nullptr);
   EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
   EXPECT_TRUE(reply->find_dict("killResults")->empty());
   reply.reset();
-  ASSERT_EQ(kill_processes(Dict{{"pids", Array{5, 6}}}, reply, nullptr), nullptr);
+  ASSERT_EQ(kill_processes(Dict{{"pids", Array{"5", 6}}}, reply, nullptr), nullptr);
   EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
-  EXPECT_TRUE(sent.size() == 2);
+  EXPECT_EQ(signals.sent.size(), 2u);
+
+  // Without a signal service nothing is signalled and nothing succeeds.
+  Installed<platform::ProcessSignals> none(nullptr);
+  reply.reset();
+  ASSERT_EQ(kill_processes(Dict{{"pids", Array{5}}}, reply, nullptr), nullptr);
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), false);
+  EXPECT_EQ(*reply->find_dict("killResults")->find_string("5"), "FAILURE");
 }
 
-TEST(ProcessKillTest, RealChildEndsBySigterm) {
+volatile sig_atomic_t gTerminationsReceived = 0;
+
+// The host itself is never signalled, however the request names it; a child
+// of the host is, by number or by text. (The host's parent is checked with
+// harmless probes in the signal service's own tests.)
+TEST(ProcessKillTest, RealSignalsSpareTheHost) {
+  auto signals = platform::make_linux_process_signals();
+  Installed<platform::ProcessSignals> slot(signals.get());
   pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     for (;;) ::pause();
   }
+  // Should the host be signalled after all, the test sees it instead of
+  // dying of it.
+  struct sigaction counting = {}, previous = {};
+  counting.sa_handler = [](int) { gTerminationsReceived = gTerminationsReceived + 1; };
+  ASSERT_EQ(::sigaction(SIGTERM, &counting, &previous), 0);
   ReplySlot reply;
-  ASSERT_EQ(kill_processes(Dict{{"pids", Array{static_cast<int64_t>(child)}}}, reply, nullptr), nullptr);
+  Dict request{{"pids", Array{static_cast<int64_t>(::getpid()), std::to_string(child)}}};
+  ASSERT_EQ(kill_processes(request, reply, nullptr), nullptr);
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ::sigaction(SIGTERM, &previous, nullptr);
+  EXPECT_EQ(gTerminationsReceived, 0);
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
-  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
-  EXPECT_EQ(*reply->find_dict("killResults")->find_string(std::to_string(child)), "SUCCESS");
+  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), false);
+  const Dict& results = *reply->find_dict("killResults");
+  EXPECT_EQ(*results.find_string(std::to_string(::getpid())), "FAILURE");
+  EXPECT_EQ(*results.find_string(std::to_string(child)), "SUCCESS");
 }
 
 // The whole path on this host's /proc, with a short pause.
 TEST(ProcessListRealTest, ListsThisProcess) {
   std::unique_ptr<platform::ProcessTable> table = platform::make_proc_process_table();
   Installed<platform::ProcessTable> slot(table.get());
-  set_process_sample_pause_for_testing([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+  ActionSleeper brief([](double) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+  Installed<platform::Sleeper> sleeper_slot(&brief);
   ReplySlot reply;
   Dict request{{"fieldsToReturn", Array{"PID", "Command", "ResidentSize", "Private", "CPUUsage"}},
                {"primarySortKey", "PID"},
                {"primarySortDirection", "ASC"}};
   ErrorName error = list_processes(request, reply, nullptr);
-  set_process_sample_pause_for_testing(nullptr);
   ASSERT_EQ(error, nullptr);
   const Array& rows = *reply->find_array("processInfo");
   ASSERT_GT(rows.size(), 1u);

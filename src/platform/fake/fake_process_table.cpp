@@ -18,11 +18,18 @@ ProcessFacts& FakeProcessTable::add(uint32_t pid, std::string command, uint64_t 
   return f;
 }
 
-int FakeProcessTable::list(std::vector<ProcessFacts>* out) {
+int FakeProcessTable::list(std::vector<ProcessFacts>* out, uint32_t parts) {
   ++lists;
+  parts_asked.push_back(parts);
   out->clear();
   if (list_error) return list_error;
-  for (const auto& [pid, facts] : processes) out->push_back(facts);
+  for (const auto& [pid, facts] : processes) {
+    ProcessFacts f = facts;
+    if (!(parts & kProcessOwner)) f.uid = 0;
+    if (!(parts & (kProcessOwner | kProcessPrivateSize))) f.virtual_private_bytes = 0;
+    if (!(parts & kProcessDescriptors)) f.ports = 0;
+    out->push_back(std::move(f));
+  }
   return 0;
 }
 

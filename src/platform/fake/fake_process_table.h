@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "platform/process_table.h"
 
@@ -20,11 +21,15 @@ class FakeProcessTable : public ProcessTable {
   int load_error = 0;
   int lists = 0;
   int region_reads = 0;
+  std::vector<uint32_t> parts_asked;  // the parts mask of each listing
 
   // Adds (or replaces) a process with the given identity and CPU time.
   ProcessFacts& add(uint32_t pid, std::string command, uint64_t cpu_microseconds = 0);
 
-  int list(std::vector<ProcessFacts>* out) override;
+  // Like the real table, fills in only the parts asked for: facts of other
+  // parts read as 0, so a caller that asks for too little is seen.
+  int list(std::vector<ProcessFacts>* out, uint32_t parts) override;
+
   bool regions(uint32_t pid, ProcessRegions* out) override;
   int host_load(HostLoad* out) override;
 };

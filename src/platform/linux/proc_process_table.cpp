@@ -221,6 +221,16 @@ std::optional<uint64_t> status_number(std::string_view text, std::string_view ke
   return value;
 }
 
+// statm's sixth figure is data plus stack pages, the same sum as status's
+// VmData + VmStk, for a third of the kernel's work.
+bool parse_statm(std::string_view text, uint64_t page_size, ProcessFacts* f) {
+  std::string_view fields[6];
+  uint64_t pages = 0;
+  if (split_spaces(text, fields, 6) != 6 || !parse_whole(fields[5], &pages)) return false;
+  f->virtual_private_bytes = saturating_multiply(pages, page_size);
+  return true;
+}
+
 bool parse_status(std::string_view text, ProcessFacts* f) {
   std::optional<uint64_t> uid = status_number(text, "Uid:");
   if (!uid || *uid > std::numeric_limits<uint32_t>::max()) return false;
@@ -241,9 +251,13 @@ class ProcProcessTable : public ProcessTable {
     ticks_per_second_ = ticks > 0 ? static_cast<uint64_t>(ticks) : 100;
     struct statfs fs;
     on_procfs_ = ::statfs(proc_dir_.c_str(), &fs) == 0 && fs.f_type == kProcSuperMagic;
+    proc_fd_ = ::open(proc_dir_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+  ~ProcProcessTable() override {
+    if (proc_fd_ >= 0) ::close(proc_fd_);
   }
 
-  int list(std::vector<ProcessFacts>* out) override {
+  int list(std::vector<ProcessFacts>* out, uint32_t parts) override {
     out->clear();
     DIR* dir = ::opendir(proc_dir_.c_str());
     if (!dir) return errno ? errno : EIO;
@@ -253,7 +267,7 @@ class ProcProcessTable : public ProcessTable {
       std::string_view name(entry->d_name);
       uint32_t pid = 0;
       if (name.empty() || name[0] < '1' || name[0] > '9' || !parse_whole(name, &pid)) continue;
-      if (read_process(dir_fd, entry->d_name, pid, &facts)) out->push_back(facts);
+      if (read_process(dir_fd, entry->d_name, pid, parts, &facts)) out->push_back(facts);
     }
     ::closedir(dir);
     return 0;
@@ -263,11 +277,14 @@ class ProcProcessTable : public ProcessTable {
     *out = ProcessRegions{};
     char name[16];
     auto [end, ec] = std::to_chars(name, name + sizeof(name), pid);
-    Descriptor dir(::open(proc_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() < 0) return false;
+    // The directory opened at construction spares two system calls per
+    // process; a table made before its directory existed opens it here.
+    Descriptor opened(proc_fd_ < 0 ? ::open(proc_dir_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+    int dir_fd = proc_fd_ >= 0 ? proc_fd_ : opened.get();
+    if (dir_fd < 0) return false;
     char buf[kRollupBuffer];
     std::optional<std::string_view> text =
-        read_into(dir.get(), ProcPath(std::string_view(name, end - name), "smaps_rollup").c_str(), buf, sizeof(buf));
+        read_into(dir_fd, ProcPath(std::string_view(name, end - name), "smaps_rollup").c_str(), buf, sizeof(buf));
     if (!text) return false;
     uint64_t private_kb = saturating_add(status_number(*text, "Private_Clean:").value_or(0),
                                          status_number(*text, "Private_Dirty:").value_or(0));
@@ -310,18 +327,29 @@ class ProcProcessTable : public ProcessTable {
   }
 
  private:
-  // Everything is read through one descriptor of the process's directory:
-  // should the process exit and its number be reused meanwhile, the reads
-  // fail instead of mixing two processes, and each open looks up one name.
-  bool read_process(int dir_fd, const char* name, uint32_t pid, ProcessFacts* f) {
+  // Several files are read through one descriptor of the process's
+  // directory: should the process exit and its number be reused meanwhile,
+  // the reads fail instead of mixing two processes, and each open looks up
+  // one name. The stat line alone needs no such care, and is opened by path.
+  bool read_process(int dir_fd, const char* name, uint32_t pid, uint32_t parts, ProcessFacts* f) {
+    *f = ProcessFacts{};
+    char buf[kStatusBuffer];
+    if (parts == kProcessStatOnly) {
+      std::optional<std::string_view> stat = read_into(dir_fd, ProcPath(name, "stat").c_str(), buf, kStatBuffer);
+      return stat && parse_stat(*stat, pid, page_size_, ticks_per_second_, f);
+    }
     Descriptor process(::openat(dir_fd, name, O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (process.get() < 0) return false;
-    char buf[kStatusBuffer];
     std::optional<std::string_view> stat = read_into(process.get(), "stat", buf, kStatBuffer);
     if (!stat || !parse_stat(*stat, pid, page_size_, ticks_per_second_, f)) return false;
-    std::optional<std::string_view> status = read_into(process.get(), "status", buf, sizeof(buf));
-    if (!status || !parse_status(*status, f)) return false;
-    f->ports = count_descriptors(process.get());
+    if (parts & kProcessOwner) {
+      std::optional<std::string_view> status = read_into(process.get(), "status", buf, sizeof(buf));
+      if (!status || !parse_status(*status, f)) return false;
+    } else if (parts & kProcessPrivateSize) {
+      std::optional<std::string_view> statm = read_into(process.get(), "statm", buf, kStatBuffer);
+      if (!statm || !parse_statm(*statm, page_size_, f)) return false;
+    }
+    if (parts & kProcessDescriptors) f->ports = count_descriptors(process.get());
     return true;
   }
 
@@ -390,6 +418,7 @@ class ProcProcessTable : public ProcessTable {
   }
 
   const std::string proc_dir_;
+  int proc_fd_ = -1;
   uint64_t page_size_ = 4096;
   uint64_t ticks_per_second_ = 100;
   bool on_procfs_ = false;

@@ -1,5 +1,5 @@
-// The process table read from /proc: per process stat, status, the fd
-// directory and, for region figures, smaps_rollup; host load from loadavg,
+// The process table read from /proc: per process stat and, as asked, status
+// or statm, the fd directory and, for region figures, smaps_rollup; host load from loadavg,
 // vmstat and diskstats.
 //
 // Which kernel figure stands behind which fact:
@@ -13,7 +13,9 @@
 //   resident     rss pages times the page size; virtual: vsize
 //   uid          the real user of status "Uid:"
 //   virtual private  status VmData + VmStk (anonymous data and stacks: the
-//                part of the address space no other process can map)
+//                part of the address space no other process can map); the
+//                same sum is statm's data figure, read when the owner is not
+//                asked for
 //   ports        the open descriptors of the fd directory, 0 when it may
 //                not be read
 //   regions      smaps_rollup Private_Clean + Private_Dirty (resident

@@ -41,6 +41,8 @@ class ProcTree {
                            " 1 0 -1 4194304 4294967300 0 7 0 250 130 0 0 20 0 3 0 9876 "
                            "10485760 -5 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0\n");
     write(p + "/status", "Name:\tx\nState:\tS (sleeping)\nUid:\t" + uid + "\t0\t0\t0\nGid:\t20\t20\t20\t20\n" + vm);
+    // Data plus stack pages: 128 kB, as the default Vm lines say.
+    write(p + "/statm", "2560 100 50 10 0 " + std::to_string(128 * 1024 / ::sysconf(_SC_PAGESIZE)) + " 0\n");
     fs::create_directories(dir_ + "/" + p + "/fd");
     for (int i = 0; i < fds; ++i) write(p + "/fd/" + std::to_string(i), "");
   }
@@ -63,7 +65,7 @@ TEST(ProcProcessTableTest, ParsesOddCommandNamesAndEveryFigure) {
   t.write("self", "not a process");  // non-numeric entries are ignored
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
-  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
   ASSERT_EQ(list.size(), 4u);
 
   const ProcessFacts* a = find(list, 10);
@@ -107,7 +109,7 @@ TEST(ProcProcessTableTest, StateLetters) {
   for (const auto& [letter, state] : letters) t.add(pid++, "p", letter);
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
-  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
   pid = 100;
   for (const auto& [letter, state] : letters) {
     const ProcessFacts* f = find(list, static_cast<uint32_t>(pid++));
@@ -136,14 +138,61 @@ TEST(ProcProcessTableTest, DropsProcessesThatCannotBeReadWhole) {
   fs::remove_all(t.dir() + "/28/fd");
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
-  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
   ASSERT_EQ(list.size(), 2u);
   EXPECT_NE(find(list, 20), nullptr);
   ASSERT_NE(find(list, 28), nullptr);
   EXPECT_EQ(find(list, 28)->ports, 0u);
 
-  EXPECT_NE(make_proc_process_table(t.dir() + "/missing")->list(&list), 0);
+  EXPECT_NE(make_proc_process_table(t.dir() + "/missing")->list(&list, kProcessAllParts), 0);
   EXPECT_TRUE(list.empty());
+}
+
+// Each part is read only when asked for; a process missing a part that is
+// not asked for stays in the listing.
+TEST(ProcProcessTableTest, ReadsOnlyTheAskedParts) {
+  ProcTree t;
+  t.add(40, "whole", 'S', 3);
+  t.add(41, "stat only", 'R', 2);
+  fs::remove(t.dir() + "/41/status");
+  fs::remove(t.dir() + "/41/statm");
+  t.add(42, "no statm", 'S', 1);
+  fs::remove(t.dir() + "/42/statm");
+  auto table = make_proc_process_table(t.dir());
+  std::vector<ProcessFacts> list;
+  auto pids = [&list] {
+    std::vector<uint32_t> out;
+    for (const ProcessFacts& f : list) out.push_back(f.pid);
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+
+  ASSERT_EQ(table->list(&list, kProcessStatOnly), 0);
+  EXPECT_EQ(pids(), (std::vector<uint32_t>{40, 41, 42}));
+  const ProcessFacts* a = find(list, 40);
+  EXPECT_EQ(a->command, "whole");
+  EXPECT_EQ(a->threads, 3u);
+  EXPECT_GT(a->cpu_microseconds, 0u);
+  EXPECT_EQ(a->start_time, 9876u);
+  EXPECT_EQ(a->uid, 0u);
+  EXPECT_EQ(a->virtual_private_bytes, 0u);
+  EXPECT_EQ(a->ports, 0u);
+
+  ASSERT_EQ(table->list(&list, kProcessDescriptors), 0);
+  EXPECT_EQ(pids(), (std::vector<uint32_t>{40, 41, 42}));
+  EXPECT_EQ(find(list, 40)->ports, 3u);
+  EXPECT_EQ(find(list, 41)->ports, 2u);
+  EXPECT_EQ(find(list, 40)->uid, 0u);
+
+  ASSERT_EQ(table->list(&list, kProcessPrivateSize), 0);
+  EXPECT_EQ(pids(), (std::vector<uint32_t>{40}));
+  EXPECT_EQ(find(list, 40)->virtual_private_bytes, 128u * 1024);  // from statm
+  EXPECT_EQ(find(list, 40)->uid, 0u);
+
+  ASSERT_EQ(table->list(&list, kProcessOwner | kProcessPrivateSize), 0);
+  EXPECT_EQ(pids(), (std::vector<uint32_t>{40, 42}));  // status carries both
+  EXPECT_EQ(find(list, 42)->uid, 501u);
+  EXPECT_EQ(find(list, 42)->virtual_private_bytes, 128u * 1024);
 }
 
 TEST(ProcProcessTableTest, RegionsAndHostLoad) {
@@ -191,7 +240,7 @@ TEST(ProcProcessTableTest, RegionsAndHostLoad) {
 TEST(ProcProcessTableTest, RealProcShowsThisProcess) {
   auto table = make_proc_process_table();
   std::vector<ProcessFacts> list;
-  ASSERT_EQ(table->list(&list), 0);
+  ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
   ASSERT_GT(list.size(), 1u);
   const ProcessFacts* self = find(list, static_cast<uint32_t>(getpid()));
   ASSERT_NE(self, nullptr);
@@ -205,6 +254,14 @@ TEST(ProcProcessTableTest, RealProcShowsThisProcess) {
   EXPECT_GT(self->virtual_bytes, self->resident_bytes);
   EXPECT_GT(self->virtual_private_bytes, 0u);
   EXPECT_FALSE(self->command.empty());
+
+  // statm's figure is status's, read another way (this process may have
+  // grown a little between the two listings).
+  uint64_t from_status = self->virtual_private_bytes;
+  ASSERT_EQ(table->list(&list, kProcessPrivateSize), 0);
+  self = find(list, static_cast<uint32_t>(getpid()));
+  ASSERT_NE(self, nullptr);
+  EXPECT_NEAR(static_cast<double>(self->virtual_private_bytes), static_cast<double>(from_status), 1 << 20);
 
   ProcessRegions r;
   ASSERT_TRUE(table->regions(static_cast<uint32_t>(getpid()), &r));

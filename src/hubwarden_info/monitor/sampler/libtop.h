@@ -1,13 +1,14 @@
-// The process sampler: a table of process records keyed by process number,
-// refreshed by each sample from the installed platform::ProcessTable, sorted
-// with a caller's comparison and handed out one record at a time.
+// The process sampler's record types and its module-wide instance: a table
+// of process records keyed by process number, refreshed by each sample from
+// the installed platform::ProcessTable, sorted with a caller's comparison
+// and handed out one record at a time. The functions forward to one
+// ProcessSampler (process_sampler.h) made by libtop_init.
 //
 // Calling order: libtop_init, one or more libtop_sample, then libtop_tsamp,
 // libtop_psort and libtop_piterate as needed, and libtop_fini.
 //
-// The sampler's state is module-wide (one sampler per process) and is not
-// guarded: a caller holds its own lock from libtop_init to libtop_fini so
-// that two users never interleave.
+// The instance is module-wide and not guarded: a caller holds its own lock
+// from libtop_init to libtop_fini so that two users never interleave.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +51,9 @@ inline constexpr int LIBTOP_STATE_MAX = 7;
 
 // Region-sampling modes for libtop_preg. By default a process's region
 // figures are read whenever a sample asks for them; a process set to off is
-// never walked (its private and shared figures stay 0).
+// never walked (its resident private and shared figures stay 0). The
+// virtual private figure is not a region figure here: the process table
+// gives it cheaply with every listing.
 inline constexpr int LIBTOP_PREG_DEFAULT = 0;
 inline constexpr int LIBTOP_PREG_OFF = 1;
 
@@ -93,9 +96,10 @@ int libtop_init(libtop_print_t print, void* user);
 // Stops the sampler and frees every record and cache.
 void libtop_fini();
 
-// Takes one sample of the host and every process. regions asks for the
-// resident private and shared figures; frameworks asks for shared-framework
-// figures, which this platform does not have (accepted and ignored).
+// Takes one full sample of the host and every process. regions asks for
+// the resident private and shared figures; frameworks asks for
+// shared-framework figures, which this platform does not have (accepted and
+// ignored).
 // Returns 0, or -1 (after printing why) when the process table cannot be
 // listed; the records are then as they were.
 int libtop_sample(bool regions, bool frameworks);

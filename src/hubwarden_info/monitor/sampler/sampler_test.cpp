@@ -8,6 +8,7 @@
 
 #include "monitor/monitor_test_support.h"
 #include "monitor/sampler/libtop.h"
+#include "monitor/sampler/process_sampler.h"
 #include "monitor/sampler/rb_sort.h"
 #include "monitor/sampler/username_cache.h"
 #include "platform/fake/fake_process_table.h"
@@ -216,6 +217,46 @@ TEST_F(SamplerTest, RegionIntervalReusesFigures) {
   table_.region_reads = 0;
   for (int i = 0; i < 3; ++i) ASSERT_EQ(libtop_sample(true, false), 0);
   EXPECT_EQ(table_.region_reads, 3);
+}
+
+// A sampler of one's own, asked for CPU times alone and then for
+// everything, as a process listing does: the baseline reads neither the
+// costly parts nor the host figures, and the full sample still measures CPU
+// use against it.
+TEST_F(SamplerTest, ScopedSamplesReadOnlyWhatTheyAsk) {
+  platform::ProcessFacts& f = table_.add(7, "p", 1000000);
+  f.ports = 4;
+  f.uid = 501;
+  table_.process_regions[7] = platform::ProcessRegions{700, 7};
+  table_.load_error = EIO;
+  ProcessSampler sampler(table_, &clock_, record_print, &printed_);
+
+  SampleScope baseline;
+  baseline.parts = platform::kProcessStatOnly;
+  baseline.host_load = false;
+  ASSERT_EQ(sampler.sample(baseline), 0);
+  EXPECT_TRUE(printed_.empty());
+  EXPECT_EQ(table_.region_reads, 0);
+  const libtop_pinfo_t* p = sampler.next();
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(p->ports, 0u);
+  EXPECT_EQ(p->uid, 0u);
+
+  table_.processes[7].cpu_microseconds = 1500000;
+  clock_.time += 1;
+  SampleScope full;
+  full.regions = true;
+  ASSERT_EQ(sampler.sample(full), 0);
+  EXPECT_EQ(printed_, (std::vector<std::string>{"%s(): Error in host_load(): %s"}));
+  EXPECT_EQ(table_.parts_asked, (std::vector<uint32_t>{platform::kProcessStatOnly, platform::kProcessAllParts}));
+  p = sampler.next();
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(p->ports, 4u);
+  EXPECT_EQ(p->uid, 501u);
+  EXPECT_EQ(p->rprvt, 700u);
+  EXPECT_EQ(p->p_seq, 1u);
+  EXPECT_EQ(libtop_time_seconds(libtop_time_sub(p->total_time, p->p_total_time)), 0.5);
+  EXPECT_EQ(libtop_tsamp(), nullptr);  // the module-wide sampler is another
 }
 
 TEST_F(SamplerTest, StatesNamesAndStartWithoutTable) {
