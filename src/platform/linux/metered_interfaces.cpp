@@ -108,6 +108,7 @@ class SysfsInterfaceStats : public InterfaceStats {
       if (counters.name != c.name) counters.system_name = c.name;
       interfaces->push_back(std::move(counters));
     }
+    report_names(*chosen);
     return true;
   }
 
@@ -134,6 +135,17 @@ class SysfsInterfaceStats : public InterfaceStats {
       return std::tie(a.index, a.name) < std::tie(b.index, b.name);
     });
     return chosen;
+  }
+
+  // The meters' replies carry only the "en" names; the system log says
+  // which interface each one stands for, whenever that changes.
+  void report_names(const std::vector<Candidate>& chosen) {
+    std::string names;
+    for (size_t i = 0; i < chosen.size(); ++i) names += (i ? ", " : "") + chosen[i].name + " as en" + std::to_string(i);
+    std::lock_guard<std::mutex> lock(mu_);
+    if (names == last_names_) return;
+    last_names_ = names;
+    log_notice("hubwardend: metering network interfaces " + (names.empty() ? std::string("(none)") : names));
   }
 
   // Names the kernel could not have made come from a damaged or forged
@@ -178,6 +190,7 @@ class SysfsInterfaceStats : public InterfaceStats {
   const std::string net_dir_;
   std::mutex mu_;
   std::set<std::string> reported_;  // names already logged; guarded by mu_
+  std::string last_names_;          // the mapping last logged; guarded by mu_
 };
 
 // The list in one configuration file: nullopt when the file or the key is

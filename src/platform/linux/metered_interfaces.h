@@ -6,7 +6,9 @@
 // presents the interfaces it meters as "en0", "en1", ... in order of their
 // interface index and reports the kernel's name beside it. The numbering
 // depends only on the set of metered interfaces, so it survives a restart
-// of the daemon as long as that set is unchanged.
+// of the daemon as long as that set is unchanged. Each reader logs the
+// mapping ("metering network interfaces enp3s0 as en0, ...") at notice
+// priority when it first reads and whenever it changes.
 //
 // Metered by default: every interface that is administratively up with an
 // operational state of "up" (or "unknown", for drivers that never report

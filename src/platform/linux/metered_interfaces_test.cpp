@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/fake/fake_log.h"
+#include "platform/file_util.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/linux/job_map.h"
 
@@ -121,12 +122,31 @@ TEST_F(MeteredInterfacesTest, NamesTheKernelCouldNotHaveMadeAreLoggedOnceAndSkip
   for (int i = 0; i < 2; ++i) EXPECT_EQ(names(read()), (std::vector<std::string>{"en0=", "en1=abcdefghijklmno"}));
   EXPECT_TRUE(log_.contains(Priority::Error, "\"abcdefghijklmnop\": name longer than 15 bytes"));
   EXPECT_TRUE(log_.contains(Priority::Error, "\"eth\\xff\": name is not UTF-8"));
-  // One reader logs each name once, not on every reading.
+  // One reader logs each bad name, and the mapping, once rather than on
+  // every reading; a change of the mapping is logged again.
   log_.clear();
   auto stats = make_sysfs_interface_stats({}, root_.path("/sys"));
   std::vector<InterfaceCounters> rows;
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(stats->read(&rows));
-  EXPECT_EQ(log_.lines().size(), 2u);
+  EXPECT_EQ(log_.lines().size(), 3u);
+  EXPECT_TRUE(log_.contains(Priority::Notice, "metering network interfaces en0 as en0, abcdefghijklmno as en1"));
+  add({.name = "eth9", .index = 1});
+  ASSERT_TRUE(stats->read(&rows));
+  EXPECT_TRUE(log_.contains(Priority::Notice, "eth9 as en0, en0 as en1, abcdefghijklmno as en2"));
+  EXPECT_EQ(log_.lines().size(), 4u);
+}
+
+// The shipped configuration lists no extra interfaces, and says so in a
+// form the loader accepts.
+TEST_F(MeteredInterfacesTest, ShippedConfigurationListsNone) {
+  std::string here = __FILE__;
+  std::string shipped = here.substr(0, here.rfind("/platform/linux/")) + "/hubwardend/config/hubwardend.conf.plist";
+  std::optional<std::string> text = read_file(shipped);
+  ASSERT_TRUE(text);
+  ASSERT_NE(text->find("<key>meteredInterfaces</key>"), std::string::npos);
+  root_.write(kShippedHostConfigPath, *text);
+  EXPECT_TRUE(load_metered_interfaces().empty());
+  EXPECT_TRUE(log_.lines().empty());
 }
 
 TEST_F(MeteredInterfacesTest, ExtraInterfacesComeFromTheHostConfiguration) {
