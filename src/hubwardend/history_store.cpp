@@ -334,7 +334,14 @@ class HistoryStore : public platform::HistoryService {
     // second of now, as the module's server time is.
     int64_t since = whole_seconds(std::ceil(static_cast<double>(now) - std::min(*scale, kLongestTimeScale)));
 
+    // At most one point per bucket of each tier's stretch since `since`.
+    int64_t most = 0;
+    for (size_t k = 0; k < kTierCount; ++k) {
+      int64_t from = std::max(history::after(k, now), since - 1);
+      most += std::max<int64_t>(history::through(k, now) - from, 0) / history::kTiers[k].step + 1;
+    }
     plist::Array out;
+    out.reserve(static_cast<size_t>(std::min(most, kMaxHistoryPoints)));
     sqlite3_stmt* query = stmt(Sql::kSelectTier);
     for (size_t k = kTierCount; k-- > 0;) {
       int64_t through = history::through(k, now);
