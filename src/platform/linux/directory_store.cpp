@@ -12,9 +12,9 @@
 #include <uuid/uuid.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <map>
@@ -23,10 +23,15 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/file_lock.h"
 #include "platform/file_util.h"
+#include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 #include "plist/codec.h"
+#include "plist/text_util.h"
 
 namespace platform {
 
@@ -45,6 +50,8 @@ constexpr std::string_view kGroupMembers = "dsAttrTypeStandard:GroupMembers";
 constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
 
 constexpr std::string_view kRecordSuffix = ".plist";
+// Does not end in kRecordSuffix, so record scans pass it by.
+constexpr std::string_view kLockFileName = ".lock";
 // New groups get ids above the range distributions hand out to people.
 constexpr uint32_t kFirstGroupID = 1025;
 // Wide enough for file systems with two-second time stamps.
@@ -66,13 +73,6 @@ std::string record_path(std::string_view kind, std::string_view name) {
 
 bool contains(const std::vector<std::string_view>& values, std::string_view wanted) {
   return std::find(values.begin(), values.end(), wanted) != values.end();
-}
-
-std::optional<uint32_t> parse_u32(std::string_view text) {
-  uint32_t n = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return n;
 }
 
 std::string fresh_uuid() {
@@ -205,25 +205,6 @@ std::vector<std::string> record_names_in(const std::string& dir) {
   return names;
 }
 
-std::string_view trim(std::string_view s) {
-  size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string_view::npos) return {};
-  size_t e = s.find_last_not_of(" \t\r");
-  return s.substr(b, e - b + 1);
-}
-
-std::vector<std::string_view> split_list(std::string_view s) {
-  std::vector<std::string_view> out;
-  while (!s.empty()) {
-    size_t comma = s.find(',');
-    std::string_view item = trim(s.substr(0, comma));
-    if (!item.empty()) out.push_back(item);
-    if (comma == std::string_view::npos) break;
-    s.remove_prefix(comma + 1);
-  }
-  return out;
-}
-
 // "ldaps://host:636/" -> "host"; "ldap://[::1]" -> "::1".
 std::string host_of_uri(std::string_view uri) {
   size_t scheme = uri.find("://");
@@ -245,9 +226,7 @@ struct FileIdentity {
   struct timespec mtime {};
   struct timespec ctime {};
 
-  static FileIdentity of(const struct stat& st) {
-    return {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
-  }
+  static FileIdentity of(const struct stat& st) { return {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim}; }
   bool operator==(const FileIdentity& o) const {
     return dev == o.dev && ino == o.ino && size == o.size && mtime.tv_sec == o.mtime.tv_sec &&
            mtime.tv_nsec == o.mtime.tv_nsec && ctime.tv_sec == o.ctime.tv_sec && ctime.tv_nsec == o.ctime.tv_nsec;
@@ -339,8 +318,7 @@ class DirectoryStore : public Directory {
     return kDirectoryNodeUnavailable;
   }
 
-  std::optional<UserRecord> find_user(const std::string& node_path, const std::string& name,
-                                      int32_t* status) override {
+  std::optional<UserRecord> find_user(const std::string& node_path, const std::string& name, int32_t* status) override {
     *status = open_node(node_path);
     if (*status != kDirectoryOK) return std::nullopt;
     if (!is_valid_record_name(name)) {
@@ -374,8 +352,7 @@ class DirectoryStore : public Directory {
     return is_member_of(*member, group, visited);
   }
 
-  int32_t get_group_record(const std::string& node_path, const std::string& group,
-                           plist::Dict* attributes) override {
+  int32_t get_group_record(const std::string& node_path, const std::string& group, plist::Dict* attributes) override {
     attributes->clear();
     if (int32_t status = open_node(node_path); status != kDirectoryOK) return status;
     if (!is_valid_record_name(group)) return kDirectoryInvalidName;
@@ -429,43 +406,43 @@ class DirectoryStore : public Directory {
     };
     std::vector<Domain> domains;
     bool in_domain = false;
-    std::string_view text = *conf;
-    while (!text.empty()) {
-      size_t nl = text.find('\n');
-      std::string_view line = trim(text.substr(0, nl));
-      text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
-      if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+    text::for_each_line(*conf, [&](std::string_view line) {
+      line = text::trim(line);
+      if (line.empty() || line.front() == '#' || line.front() == ';') return;
       if (line.front() == '[') {
         in_domain = line.starts_with("[domain/");
         if (in_domain) domains.emplace_back();
-        continue;
+        return;
       }
-      if (!in_domain) continue;
+      if (!in_domain) return;
       size_t eq = line.find('=');
-      if (eq == std::string_view::npos) continue;
-      std::string_view key = trim(line.substr(0, eq));
-      std::string value(trim(line.substr(eq + 1)));
+      if (eq == std::string_view::npos) return;
+      std::string_view key = text::trim(line.substr(0, eq));
+      std::string value(text::trim(line.substr(eq + 1)));
       Domain& d = domains.back();
-      if (key == "id_provider") d.provider = value;
-      else if (key == "ldap_uri") d.ldap_uri = value;
-      else if (key == "ad_server") d.ad_server = value;
-      else if (key == "ad_domain") d.ad_domain = value;
-    }
+      if (key == "id_provider")
+        d.provider = value;
+      else if (key == "ldap_uri")
+        d.ldap_uri = value;
+      else if (key == "ad_server")
+        d.ad_server = value;
+      else if (key == "ad_domain")
+        d.ad_domain = value;
+    });
     for (const Domain& d : domains) {
       if (d.provider == "ldap") {
-        for (std::string_view uri : split_list(d.ldap_uri)) {
+        for (std::string_view uri : text::split_list(d.ldap_uri, ',')) {
           std::string host = host_of_uri(uri);
           if (!host.empty()) servers.push_back({host, DirectoryServer::Kind::Ldap});
         }
       } else if (d.provider == "ad") {
         bool any = false;
-        for (std::string_view server : split_list(d.ad_server)) {
+        for (std::string_view server : text::split_list(d.ad_server, ',')) {
           if (server == "_srv_") continue;  // discovery, not a server name
           servers.push_back({std::string(server), DirectoryServer::Kind::ActiveDirectory});
           any = true;
         }
-        if (!any && !d.ad_domain.empty())
-          servers.push_back({d.ad_domain, DirectoryServer::Kind::ActiveDirectory});
+        if (!any && !d.ad_domain.empty()) servers.push_back({d.ad_domain, DirectoryServer::Kind::ActiveDirectory});
       }
     }
     return servers;
@@ -524,21 +501,25 @@ class DirectoryStore : public Directory {
     }
     struct timespec read_start;
     ::clock_gettime(CLOCK_REALTIME, &read_start);
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return {errno == ENOENT ? RecordState::Missing : RecordState::Damaged, nullptr};
+    // Non-blocking, so that a FIFO or device put where a record belongs is
+    // refused at once rather than hanging the request; nothing but a
+    // regular file of sane size is read.
+    UniqueFd fd(open_confined(path, O_RDONLY | O_NONBLOCK));
+    if (!fd.valid()) return {errno == ENOENT ? RecordState::Missing : RecordState::Damaged, nullptr};
     std::string text;
-    bool read_ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    bool read_ok =
+        ::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) <= kDefaultReadLimit;
     if (read_ok) {
       char buf[16384];
       for (;;) {
-        ssize_t n = ::read(fd, buf, sizeof buf);
+        ssize_t n = ::read(fd.get(), buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) read_ok = false;
-        if (n <= 0) break;
+        if (n < 0 || text.size() + static_cast<size_t>(std::max<ssize_t>(n, 0)) > kDefaultReadLimit) read_ok = false;
+        if (n <= 0 || !read_ok) break;
         text.append(buf, static_cast<size_t>(n));
       }
     }
-    ::close(fd);
+    fd.reset();
     if (!read_ok) return {RecordState::Damaged, nullptr};
 
     CacheEntry entry;
@@ -668,11 +649,13 @@ class DirectoryStore : public Directory {
     if (!is_valid_record_name(group)) return kDirectoryInvalidName;
     std::string path = record_path("groups", group);
     std::lock_guard<std::mutex> writer(write_mutex_);
+    std::optional<FileLock> lock = lock_store("groups");
+    if (!lock) return kDirectoryWriteFailed;
     LoadedRecord current = load("groups", group);
 
     if (!attributes) {
       if (current.state == RecordState::Missing) return kDirectoryRecordNotFound;
-      return ::unlink(path.c_str()) == 0 ? kDirectoryOK : kDirectoryWriteFailed;
+      return rename_record(path, nullptr) ? kDirectoryOK : kDirectoryWriteFailed;
     }
     plist::Dict given;
     if (int32_t status = normalise_attributes(*attributes, &given); status != kDirectoryOK) return status;
@@ -686,8 +669,7 @@ class DirectoryStore : public Directory {
     } else {
       // Kept beside the store, out of the way of record scans, so that a
       // damaged record replaced by a create can still be looked at.
-      if (current.state == RecordState::Damaged && ::rename(path.c_str(), (path + ".damaged").c_str()) != 0)
-        return kDirectoryWriteFailed;
+      if (current.state == RecordState::Damaged && !rename_record(path, ".damaged")) return kDirectoryWriteFailed;
       record = std::move(given);
       std::optional<NssGroup> system = real_root() ? nss_group(group) : std::nullopt;
       if (!record.contains(kGeneratedUID)) record.set(kGeneratedUID, plist::Array{plist::Value(fresh_uuid())});
@@ -700,6 +682,33 @@ class DirectoryStore : public Directory {
     record.set(kRecordName, plist::Array{plist::Value(group)});
     if (!write_file_atomically(path, plist::write_xml(plist::Value(std::move(record))))) return kDirectoryWriteFailed;
     return kDirectoryOK;
+  }
+
+  // Another process (a command-line run beside the daemon) may write the
+  // same records; the lock file in the store's folder keeps each
+  // read-merge-write whole, and with it the choice of a free group id.
+  static std::optional<FileLock> lock_store(std::string_view kind) {
+    std::string dir = store_dir(kind);
+    std::string lock_path = dir + "/" + std::string(kLockFileName);
+    std::optional<FileLock> lock;
+    if (int error = make_directories_confined(dir, 0755); error != 0)
+      errno = error;
+    else
+      lock = FileLock::acquire(lock_path, FileLock::Mode::Exclusive);
+    if (!lock)
+      log_error("hubwardend: cannot lock the directory records (" + lock_path + ": " + std::strerror(errno) +
+                "); not written");
+    return lock;
+  }
+
+  // Removes the record at path (suffix nullptr) or renames it to path +
+  // suffix, without leaving a sandbox root.
+  static bool rename_record(const std::string& path, const char* suffix) {
+    std::string leaf;
+    UniqueFd dir(open_parent_confined(path, false, &leaf));
+    if (!dir.valid()) return false;
+    if (!suffix) return ::unlinkat(dir.get(), leaf.c_str(), 0) == 0;
+    return ::renameat(dir.get(), leaf.c_str(), dir.get(), (leaf + suffix).c_str()) == 0;
   }
 
   SystemAccounts accounts_;
@@ -744,7 +753,8 @@ bool element_text(const plist::Value& v, std::string* out) {
 std::unique_ptr<Directory> make_directory_store() { return std::make_unique<DirectoryStore>(); }
 
 bool is_valid_record_name(std::string_view name) {
-  if (name.empty() || name.find('/') != std::string_view::npos || name.find("..") != std::string_view::npos)
+  if (name.empty() || name == "." || name.find('/') != std::string_view::npos ||
+      name.find("..") != std::string_view::npos)
     return false;
   for (char c : name)
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
@@ -787,7 +797,7 @@ std::vector<std::string_view> attribute_values(const plist::Dict& record, std::s
 std::optional<uint32_t> attribute_number(const plist::Dict& record, std::string_view key) {
   std::vector<std::string_view> values = attribute_values(record, key);
   if (values.empty()) return std::nullopt;
-  return parse_u32(values.front());
+  return text::parse_u32(values.front());
 }
 
 }  // namespace platform

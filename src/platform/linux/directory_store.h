@@ -14,7 +14,11 @@
 // <root>/etc/hubwarden/ldap-local exists, or when the directory client's
 // configuration names an LDAP server on 127.0.0.1, ::1 or localhost.
 //
-// Safe from several threads; writers within one process are serialised.
+// Safe from several threads. Writers are serialised within the process by a
+// mutex and across processes by an advisory lock on the file ".lock" in the
+// records folder; a writer that cannot get it within a few seconds fails
+// with kDirectoryWriteFailed. Record files are opened without leaving a
+// sandbox root, and anything but a regular file reads as a damaged record.
 #pragma once
 
 #include <memory>
@@ -31,8 +35,8 @@ std::unique_ptr<Directory> make_directory_store();
 
 // Rules shared by the store and the in-memory fake.
 
-// A record name that is safe as a file name: not empty, no "/", no "..",
-// no NUL or other control characters.
+// A record name that is safe as a file name: not empty, not ".", no "/",
+// no "..", no NUL or other control characters.
 bool is_valid_record_name(std::string_view name);
 
 // Converts attributes given by a caller into the stored form, every value an

@@ -3,8 +3,11 @@
 #include "platform/linux/directory_store.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <set>
 #include <thread>
 
 #include "platform/linux/unit_sandbox_test_support.h"
@@ -43,7 +46,8 @@ class DirectoryStoreTest : public ::testing::Test {
 TEST_F(DirectoryStoreTest, RefusesNamesThatWouldLeaveTheStore) {
   sandbox.write("/var/db/hubwarden/directory/secret.plist", "<plist version=\"1.0\"><dict/></plist>");
   plist::Dict attrs{{"k", "v"}};
-  for (const std::string& bad : std::vector<std::string>{"", "../secret", "a/b", "..", "x..y", std::string("nul\0x", 5), "tab\tname", "del\x7f"}) {
+  for (const std::string& bad : std::vector<std::string>{"", ".", "../secret", "a/b", "..", "/", "x..y",
+                                                         std::string("nul\0x", 5), "tab\tname", "del\x7f"}) {
     plist::Dict out{{"stale", 1}};
     EXPECT_EQ(dir->get_group_record(kNode, bad, &out), kDirectoryInvalidName) << bad;
     EXPECT_TRUE(out.empty());
@@ -157,13 +161,16 @@ TEST_F(DirectoryStoreTest, MembershipByNameGuidPrimaryIdAndNestedGroupsWithACycl
   put(kGroups, "by_guid", plist::Dict{{"dsAttrTypeStandard:GroupMembers", strings({"B-1"})}});
   put(kGroups, "by_gid", plist::Dict{{"dsAttrTypeStandard:PrimaryGroupID", strings({"5000"})}});
   // outer -> middle -> inner -> outer (a cycle); bob is only in inner.
-  put(kGroups, "outer", plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-OUT"})},
-                                    {"dsAttrTypeStandard:NestedGroups", strings({"G-MID"})}});
-  put(kGroups, "middle", plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-MID"})},
-                                     {"dsAttrTypeStandard:NestedGroups", strings({"G-IN", "G-NOWHERE"})}});
-  put(kGroups, "inner", plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-IN"})},
-                                    {"dsAttrTypeStandard:GroupMembership", strings({"bob"})},
-                                    {"dsAttrTypeStandard:NestedGroups", strings({"G-OUT"})}});
+  put(kGroups, "outer",
+      plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-OUT"})},
+                  {"dsAttrTypeStandard:NestedGroups", strings({"G-MID"})}});
+  put(kGroups, "middle",
+      plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-MID"})},
+                  {"dsAttrTypeStandard:NestedGroups", strings({"G-IN", "G-NOWHERE"})}});
+  put(kGroups, "inner",
+      plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-IN"})},
+                  {"dsAttrTypeStandard:GroupMembership", strings({"bob"})},
+                  {"dsAttrTypeStandard:NestedGroups", strings({"G-OUT"})}});
 
   EXPECT_TRUE(dir->is_member("alice", "by_name"));
   EXPECT_FALSE(dir->is_member("bob", "by_name"));
@@ -179,8 +186,9 @@ TEST_F(DirectoryStoreTest, MembershipByNameGuidPrimaryIdAndNestedGroupsWithACycl
 
   // A nested group that takes over a GUID is followed, the old one is not.
   put(kGroups, "inner", plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-OLD"})}});
-  put(kGroups, "newer", plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-IN"})},
-                                    {"dsAttrTypeStandard:GroupMembership", strings({"alice"})}});
+  put(kGroups, "newer",
+      plist::Dict{{"dsAttrTypeStandard:GeneratedUID", strings({"G-IN"})},
+                  {"dsAttrTypeStandard:GroupMembership", strings({"alice"})}});
   EXPECT_FALSE(dir->is_member("bob", "outer"));
   EXPECT_TRUE(dir->is_member("alice", "outer"));
 
@@ -195,7 +203,8 @@ TEST_F(DirectoryStoreTest, MembershipByNameGuidPrimaryIdAndNestedGroupsWithACycl
 }
 
 TEST_F(DirectoryStoreTest, PrefixQueriesAreSortedAndLimited) {
-  for (const char* name : {"com.marlo.admin_web", "com.marlo.admin_dns", "com.marlo.monitor_dns", "com.marlo.admin_all_services"})
+  for (const char* name :
+       {"com.marlo.admin_web", "com.marlo.admin_dns", "com.marlo.monitor_dns", "com.marlo.admin_all_services"})
     put(kGroups, name, plist::Dict{});
   sandbox.write(kGroups + "com.marlo.admin_tmp.plist.tmp.1.2", "partial");
   sandbox.write(kGroups + "com.marlo.admin_notes.txt", "x");
@@ -223,6 +232,65 @@ TEST_F(DirectoryStoreTest, ConcurrentUpdatesOfOneGroupAreAllKept) {
   ASSERT_EQ(dir->get_group_record(kNode, "shared", &out), kDirectoryOK);
   // 40 keys plus seed, record name, GUID and group id.
   EXPECT_EQ(out.size(), 44u);
+}
+
+// The daemon and a command-line run are separate processes, each with its
+// own store object and cache: only the lock file keeps their writes apart.
+TEST_F(DirectoryStoreTest, WritesFromSeveralProcessesAreAllKeptAndGroupIdsStayUnique) {
+  plist::Dict seed{{"seed", "x"}};
+  ASSERT_EQ(dir->set_group_record(kNode, "shared", &seed), kDirectoryOK);
+  constexpr int kProcesses = 5;
+  constexpr int kWrites = 8;
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      std::unique_ptr<Directory> mine = make_directory_store();
+      int failures = 0;
+      for (int i = 0; i < kWrites; ++i) {
+        plist::Dict one{{"p" + std::to_string(p) + "_" + std::to_string(i), "v"}};
+        failures += mine->set_group_record(kNode, "shared", &one) != kDirectoryOK;
+        plist::Dict fresh{{"n", "1"}};
+        failures +=
+            mine->create_group_record(kNode, "g" + std::to_string(p) + "_" + std::to_string(i), fresh) != kDirectoryOK;
+      }
+      ::_exit(failures);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  plist::Dict out;
+  ASSERT_EQ(dir->get_group_record(kNode, "shared", &out), kDirectoryOK);
+  // Every write plus seed, record name, GUID and group id.
+  EXPECT_EQ(out.size(), kProcesses * kWrites + 4u);
+  std::set<uint32_t> gids;
+  for (const std::string& name : dir->groups_with_prefix(kNode, "g", 0)) {
+    ASSERT_EQ(dir->get_group_record(kNode, name, &out), kDirectoryOK);
+    std::optional<uint32_t> gid = attribute_number(out, "dsAttrTypeStandard:PrimaryGroupID");
+    ASSERT_TRUE(gid) << name;
+    EXPECT_TRUE(gids.insert(*gid).second) << name << " shares group id " << *gid;
+  }
+  EXPECT_EQ(gids.size(), static_cast<size_t>(kProcesses * kWrites));
+}
+
+// A FIFO where a record belongs would block a plain open for ever.
+TEST_F(DirectoryStoreTest, RecordThatIsNotARegularFileReadsAsDamaged) {
+  plist::Dict seed{{"seed", "x"}};
+  ASSERT_EQ(dir->set_group_record(kNode, "seeded", &seed), kDirectoryOK);
+  ASSERT_EQ(::mkfifo(sandbox.path(kGroups + "fifo.plist").c_str(), 0600), 0);
+  ASSERT_EQ(::mkdir(sandbox.path(kGroups + "folder.plist").c_str(), 0700), 0);
+  for (const char* name : {"fifo", "folder"}) {
+    plist::Dict out;
+    EXPECT_EQ(dir->get_group_record(kNode, name, &out), kDirectoryRecordNotFound) << name;
+    EXPECT_FALSE(dir->is_member("alice", name));
+    plist::Dict attrs{{"k", "v"}};
+    EXPECT_EQ(dir->set_group_record(kNode, name, &attrs), kDirectoryWriteFailed) << name;
+  }
 }
 
 TEST_F(DirectoryStoreTest, ServersFromTheDirectoryClientConfiguration) {
