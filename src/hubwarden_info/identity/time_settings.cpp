@@ -14,6 +14,7 @@
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "platform/service_manager.h"
+#include "plist/text_util.h"
 
 namespace hubwarden {
 
@@ -27,42 +28,20 @@ constexpr const char* kTimezonePath = "/etc/timezone";
 // The server name is read into a 512-byte buffer, terminator included.
 constexpr size_t kMaxServerName = 511;
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
+using text::for_each_line;
+using text::trim;
 
-std::string_view trim(std::string_view s) {
-  while (!s.empty() && (is_blank(s.front()) || s.front() == '\r')) s.remove_prefix(1);
-  while (!s.empty() && (is_blank(s.back()) || s.back() == '\r')) s.remove_suffix(1);
-  return s;
-}
-
-std::string_view first_word(std::string_view s) {
-  s = trim(s);
-  size_t end = 0;
-  while (end < s.size() && !is_blank(s[end])) ++end;
-  return s.substr(0, std::min(end, kMaxServerName));
-}
-
-// Calls visit on each line of text until it returns true.
-template <typename Visit>
-void for_each_line(std::string_view text, Visit visit) {
-  while (!text.empty()) {
-    size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    if (visit(line)) return;
-    if (end == std::string_view::npos) return;
-    text.remove_prefix(end + 1);
-  }
-}
+std::string_view server_name_in(std::string_view s) { return text::first_word(s).substr(0, kMaxServerName); }
 
 // The word after the first "server" keyword of an NTP configuration.
-std::optional<std::string> ntp_conf_server(const std::string& text) {
+std::optional<std::string> ntp_conf_server(std::string_view conf) {
   std::optional<std::string> found;
-  for_each_line(text, [&](std::string_view line) {
+  for_each_line(conf, [&](std::string_view line) {
     line = trim(line);
     constexpr std::string_view kKeyword = "server";
     if (line.substr(0, kKeyword.size()) != kKeyword) return false;
-    if (line.size() > kKeyword.size() && !is_blank(line[kKeyword.size()])) return false;  // "servers", ...
-    std::string_view name = first_word(line.substr(kKeyword.size()));
+    if (line.size() > kKeyword.size() && !text::is_blank(line[kKeyword.size()])) return false;  // "servers", ...
+    std::string_view name = server_name_in(line.substr(kKeyword.size()));
     if (!name.empty()) found = std::string(name);
     return true;
   });
@@ -70,13 +49,13 @@ std::optional<std::string> ntp_conf_server(const std::string& text) {
 }
 
 // The first name of the NTP= setting of systemd's time-sync configuration.
-std::optional<std::string> timesyncd_server(const std::string& text) {
+std::optional<std::string> timesyncd_server(std::string_view conf) {
   std::optional<std::string> found;
-  for_each_line(text, [&](std::string_view line) {
+  for_each_line(conf, [&](std::string_view line) {
     line = trim(line);
     constexpr std::string_view kKey = "NTP=";
     if (line.substr(0, kKey.size()) != kKey) return false;
-    std::string_view name = first_word(line.substr(kKey.size()));
+    std::string_view name = server_name_in(line.substr(kKey.size()));
     if (!name.empty()) found = std::string(name);
     return true;
   });
@@ -106,9 +85,8 @@ plist::Value get_time() {
 }
 
 int set_time(uint64_t seconds) {
-  int result = platform::has<platform::Clock>()
-                   ? platform::get<platform::Clock>().set_time(static_cast<double>(seconds))
-                   : -1;
+  int result =
+      platform::has<platform::Clock>() ? platform::get<platform::Clock>().set_time(static_cast<double>(seconds)) : -1;
   if (result != 0) {
     platform::log_notice("hubwarden_info: [" + std::to_string(::getpid()) + "] settimeofday failed with " +
                          std::to_string(result));

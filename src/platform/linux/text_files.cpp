@@ -1,15 +1,11 @@
 // Readers for shell-style assignment files, first lines and cpuinfo blocks.
 #include "platform/linux/text_files.h"
 
-#include <limits>
-
 #include "platform/file_util.h"
 
 namespace platform::linux_text {
 
 namespace {
-
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\0'; }
 
 bool is_name_char(char c, bool first) {
   if (c == '_' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z')) return true;
@@ -58,12 +54,6 @@ std::string read_word(std::string_view text, size_t* pos) {
 
 }  // namespace
 
-std::string_view trim(std::string_view s) {
-  while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && is_blank(s.back())) s.remove_suffix(1);
-  return s;
-}
-
 std::vector<std::pair<std::string, std::string>> parse_shell_assignments(std::string_view text) {
   std::vector<std::pair<std::string, std::string>> out;
   size_t i = 0;
@@ -94,35 +84,32 @@ std::optional<std::string> shell_variable(std::string_view text, std::string_vie
 std::optional<std::string> read_first_line(const std::string& path) {
   std::optional<std::string> contents = read_file(path);
   if (!contents) return std::nullopt;
-  std::string_view text(*contents);
-  while (!text.empty()) {
-    size_t end = text.find('\n');
-    std::string_view line = trim(text.substr(0, end));
-    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-    if (!line.empty() && line.front() != '#') return std::string(line);
-  }
-  return std::nullopt;
+  std::optional<std::string> found;
+  text::for_each_line(*contents, [&](std::string_view line) {
+    line = trim(line);
+    if (line.empty() || line.front() == '#') return false;
+    found = std::string(line);
+    return true;
+  });
+  return found;
 }
 
-std::vector<KeyValueBlock> parse_colon_blocks(std::string_view text) {
+std::vector<KeyValueBlock> parse_colon_blocks(std::string_view contents) {
   std::vector<KeyValueBlock> blocks;
   bool in_block = false;
-  while (!text.empty()) {
-    size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+  text::for_each_line(contents, [&](std::string_view line) {
     if (trim(line).empty()) {
       in_block = false;
-      continue;
+      return;
     }
     size_t colon = line.find(':');
-    if (colon == std::string_view::npos) continue;
+    if (colon == std::string_view::npos) return;
     if (!in_block) {
       blocks.emplace_back();
       in_block = true;
     }
     blocks.back().emplace_back(std::string(trim(line.substr(0, colon))), std::string(trim(line.substr(colon + 1))));
-  }
+  });
   return blocks;
 }
 
@@ -132,18 +119,7 @@ const std::string* find_key(const KeyValueBlock& block, std::string_view key) {
   return nullptr;
 }
 
-std::optional<uint64_t> parse_unsigned(std::string_view s) {
-  s = trim(s);
-  if (s.empty()) return std::nullopt;
-  uint64_t value = 0;
-  for (char c : s) {
-    if (c < '0' || c > '9') return std::nullopt;
-    uint64_t digit = static_cast<uint64_t>(c - '0');
-    if (value > (std::numeric_limits<uint64_t>::max() - digit) / 10) return std::nullopt;
-    value = value * 10 + digit;
-  }
-  return value;
-}
+std::optional<uint64_t> parse_unsigned(std::string_view s) { return text::parse_unsigned(trim(s)); }
 
 std::optional<uint64_t> checked_multiply(uint64_t a, uint64_t b) {
   uint64_t product = 0;

@@ -11,10 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "plist/text_util.h"
+
 namespace platform::linux_text {
 
-// Strips blanks (space, tab, CR, LF, NUL) from both ends.
-std::string_view trim(std::string_view s);
+// The tree's one trim (space, tab, CR, LF), named here for the readers below
+// and their callers.
+using text::trim;
 
 // The assignments NAME=VALUE of a shell-style file, in file order, with the
 // quoting removed: '...' literal, "..." with \ escaping " \ $ and `,
@@ -38,8 +41,9 @@ std::vector<KeyValueBlock> parse_colon_blocks(std::string_view text);
 // The value of key in block, or nullptr.
 const std::string* find_key(const KeyValueBlock& block, std::string_view key);
 
-// A non-negative decimal integer that fills s (after trimming); nullopt on
-// anything else, including overflow.
+// A non-negative decimal integer that fills s once trimmed (a line read
+// from /proc or /sys ends in a newline); nullopt on anything else,
+// including overflow.
 std::optional<uint64_t> parse_unsigned(std::string_view s);
 
 // Multiplies without wrapping; nullopt on overflow.

@@ -14,11 +14,12 @@
 
 #include "platform/file_util.h"
 #include "platform/paths.h"
+#include "plist/text_util.h"
 
 namespace platform {
 
-const std::vector<std::string> kUnitSearchDirs = {"/etc/systemd/system", "/run/systemd/system",
-                                                  "/lib/systemd/system", "/usr/lib/systemd/system"};
+const std::vector<std::string> kUnitSearchDirs = {"/etc/systemd/system", "/run/systemd/system", "/lib/systemd/system",
+                                                  "/usr/lib/systemd/system"};
 
 namespace {
 
@@ -38,25 +39,8 @@ std::string_view base_name(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-std::string_view trim(std::string_view s) {
-  constexpr std::string_view kBlank = " \t\r\n";
-  size_t begin = s.find_first_not_of(kBlank);
-  if (begin == std::string_view::npos) return {};
-  size_t end = s.find_last_not_of(kBlank);
-  return s.substr(begin, end - begin + 1);
-}
-
-std::vector<std::string> split_words(std::string_view s) {
-  std::vector<std::string> words;
-  size_t i = 0;
-  while (i < s.size()) {
-    while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
-    size_t start = i;
-    while (i < s.size() && s[i] != ' ' && s[i] != '\t') ++i;
-    if (i > start) words.emplace_back(s.substr(start, i - start));
-  }
-  return words;
-}
+using text::split_words;
+using text::trim;
 
 std::optional<std::string> read_link(const std::string& path) {
   char buf[PATH_MAX];
@@ -77,7 +61,7 @@ bool entry_exists(const std::string& path) {
 
 // Expands the specifiers that matter for simple install sections; names
 // with any other specifier are dropped rather than linked under a wrong name.
-std::optional<std::string> expand_specifiers(const std::string& word, const std::string& unit,
+std::optional<std::string> expand_specifiers(std::string_view word, const std::string& unit,
                                              const std::string& instance) {
   std::string out;
   for (size_t i = 0; i < word.size(); ++i) {
@@ -87,12 +71,19 @@ std::optional<std::string> expand_specifiers(const std::string& word, const std:
     }
     if (++i == word.size()) return std::nullopt;
     switch (word[i]) {
-      case '%': out.push_back('%'); break;
+      case '%':
+        out.push_back('%');
+        break;
       case 'i':
-      case 'I': out += instance; break;
+      case 'I':
+        out += instance;
+        break;
       case 'n':
-      case 'N': out += unit; break;
-      default: return std::nullopt;
+      case 'N':
+        out += unit;
+        break;
+      default:
+        return std::nullopt;
     }
   }
   if (!is_valid_unit_name(out)) return std::nullopt;
@@ -104,17 +95,14 @@ std::optional<std::string> expand_specifiers(const std::string& word, const std:
 std::string exec_program_of(std::string_view value) {
   size_t i = 0;
   while (i < value.size() && std::string_view("@-:+!|").find(value[i]) != std::string_view::npos) ++i;
-  std::vector<std::string> words = split_words(value.substr(i));
-  if (words.empty()) return {};
-  std::string program = words.front();
+  std::string_view program = text::first_word(value.substr(i));
   if (program.size() >= 2 && program.front() == '"' && program.back() == '"') {
     program = program.substr(1, program.size() - 2);
   }
-  return program;
+  return std::string(program);
 }
 
-void parse_unit(std::string_view text, const std::string& unit, const std::string& instance,
-                UnitFileInfo* info) {
+void parse_unit(std::string_view contents, const std::string& unit, const std::string& instance, UnitFileInfo* info) {
   std::string section;
   std::string logical;  // a line with its backslash continuations joined
   auto handle = [&](std::string_view line) {
@@ -137,8 +125,10 @@ void parse_unit(std::string_view text, const std::string& unit, const std::strin
     } else if (section == "Service") {
       if (key == "ExecStart") {
         // An empty assignment clears earlier ones; otherwise the first wins.
-        if (value.empty()) info->exec_program.clear();
-        else if (info->exec_program.empty()) info->exec_program = exec_program_of(value);
+        if (value.empty())
+          info->exec_program.clear();
+        else if (info->exec_program.empty())
+          info->exec_program = exec_program_of(value);
       } else if (key == "PIDFile") {
         info->pid_file = std::string(value);
       }
@@ -148,26 +138,23 @@ void parse_unit(std::string_view text, const std::string& unit, const std::strin
       list->clear();
       return;
     }
-    for (const std::string& word : split_words(value)) {
+    for (std::string_view word : split_words(value)) {
       if (auto expanded = expand_specifiers(word, unit, instance)) list->push_back(*expanded);
     }
   };
-  size_t pos = 0;
-  while (pos <= text.size()) {
-    size_t nl = text.find('\n', pos);
-    std::string_view line = text.substr(pos, nl == std::string_view::npos ? std::string_view::npos : nl - pos);
-    pos = nl == std::string_view::npos ? text.size() + 1 : nl + 1;
+  text::for_each_line(contents, [&](std::string_view line) {
     std::string_view trimmed_end = trim(line);
     if (!trimmed_end.empty() && trimmed_end.back() == '\\' && trimmed_end.front() != '#' &&
         trimmed_end.front() != ';') {
       logical.append(trimmed_end.substr(0, trimmed_end.size() - 1));
       logical.push_back(' ');
-      continue;
+      return;
     }
     logical.append(line);
     handle(logical);
     logical.clear();
-  }
+  });
+  // A continuation on the last line has nothing to join.
   if (!logical.empty()) handle(logical);
 }
 
@@ -179,9 +166,8 @@ struct Located {
 
 // Link targets are taken as paths inside the root; ".." never climbs out.
 std::string in_root_target(const std::string& link_path, const std::string& target) {
-  std::filesystem::path joined = target.front() == '/'
-                                     ? std::filesystem::path(target)
-                                     : std::filesystem::path(link_path).parent_path() / target;
+  std::filesystem::path joined =
+      target.front() == '/' ? std::filesystem::path(target) : std::filesystem::path(link_path).parent_path() / target;
   return joined.lexically_normal().string();
 }
 
