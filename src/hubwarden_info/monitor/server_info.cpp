@@ -62,6 +62,12 @@ int32_t int32_of(const Value& v) {
 // Averages of past CPU usage, one {"cpuUsageBy100", "interval"} per
 // requested span in minutes, from one history query over the longest span.
 // Fails with the history service's error.
+//
+// Every returned point counts once, as consoles have always computed these
+// averages. The host's store returns one point per bucket and its buckets
+// are of equal length within a stretch of the past, so a span inside one
+// stretch is weighed evenly; a span that reaches back into coarser points
+// weighs the recent past more than a time-weighted mean would.
 ErrorName cpu_history(const Array& minutes, Dict* context, Array* out) {
   int32_t longest = 0;
   for (const Value& w : minutes) longest = std::max(longest, int32_of(w));
