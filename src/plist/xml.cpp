@@ -196,11 +196,16 @@ std::string code_point_text(uint32_t c) {
 // other than tab, LF and CR; NUL included), or npos. Scanned in chunks
 // without an early exit so that the compiler can vectorise the common case.
 size_t find_control_byte(std::string_view s) {
-  auto bad = [](unsigned char c) { return c < 0x20 && c != '\t' && c != '\n' && c != '\r'; };
+  // Bitwise rather than short-circuit tests, so that each is one vector
+  // compare.
+  auto bad = [](unsigned char c) -> unsigned {
+    return static_cast<unsigned>(c < 0x20) & static_cast<unsigned>(c != '\t') & static_cast<unsigned>(c != '\n') &
+           static_cast<unsigned>(c != '\r');
+  };
   constexpr size_t kChunk = 64;
   size_t i = 0;
   for (; i + kChunk <= s.size(); i += kChunk) {
-    bool any = false;
+    unsigned any = 0;
     for (size_t k = 0; k < kChunk; ++k) any |= bad(static_cast<unsigned char>(s[i + k]));
     if (any) break;
   }
