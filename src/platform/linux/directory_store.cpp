@@ -1,5 +1,5 @@
 // The record-store directory with NSS at the real root: record files, their
-// cache, membership resolution and the directory client's server list.
+// cache and locking, and membership resolution.
 #include "platform/linux/directory_store.h"
 
 #include <dirent.h>
@@ -25,6 +25,7 @@
 
 #include "platform/file_lock.h"
 #include "platform/file_util.h"
+#include "platform/linux/directory_servers.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
@@ -203,18 +204,6 @@ std::vector<std::string> record_names_in(const std::string& dir) {
   }
   ::closedir(d);
   return names;
-}
-
-// "ldaps://host:636/" -> "host"; "ldap://[::1]" -> "::1".
-std::string host_of_uri(std::string_view uri) {
-  size_t scheme = uri.find("://");
-  if (scheme != std::string_view::npos) uri.remove_prefix(scheme + 3);
-  uri = uri.substr(0, uri.find('/'));
-  if (uri.starts_with('[')) {
-    size_t close = uri.find(']');
-    return std::string(uri.substr(1, close == std::string_view::npos ? uri.size() - 1 : close - 1));
-  }
-  return std::string(uri.substr(0, uri.find(':')));
 }
 
 // The record file's identity. A replacement by rename gets a new inode, and
@@ -398,54 +387,9 @@ class DirectoryStore : public Directory {
   }
 
   std::vector<DirectoryServer> configured_servers() override {
-    std::vector<DirectoryServer> servers;
-    std::optional<std::string> conf = read_file(resolve("/etc/sssd/sssd.conf"));
-    if (!conf) return servers;
-    struct Domain {
-      std::string provider, ldap_uri, ad_server, ad_domain;
-    };
-    std::vector<Domain> domains;
-    bool in_domain = false;
-    text::for_each_line(*conf, [&](std::string_view line) {
-      line = text::trim(line);
-      if (line.empty() || line.front() == '#' || line.front() == ';') return;
-      if (line.front() == '[') {
-        in_domain = line.starts_with("[domain/");
-        if (in_domain) domains.emplace_back();
-        return;
-      }
-      if (!in_domain) return;
-      size_t eq = line.find('=');
-      if (eq == std::string_view::npos) return;
-      std::string_view key = text::trim(line.substr(0, eq));
-      std::string value(text::trim(line.substr(eq + 1)));
-      Domain& d = domains.back();
-      if (key == "id_provider")
-        d.provider = value;
-      else if (key == "ldap_uri")
-        d.ldap_uri = value;
-      else if (key == "ad_server")
-        d.ad_server = value;
-      else if (key == "ad_domain")
-        d.ad_domain = value;
-    });
-    for (const Domain& d : domains) {
-      if (d.provider == "ldap") {
-        for (std::string_view uri : text::split_list(d.ldap_uri, ',')) {
-          std::string host = host_of_uri(uri);
-          if (!host.empty()) servers.push_back({host, DirectoryServer::Kind::Ldap});
-        }
-      } else if (d.provider == "ad") {
-        bool any = false;
-        for (std::string_view server : text::split_list(d.ad_server, ',')) {
-          if (server == "_srv_") continue;  // discovery, not a server name
-          servers.push_back({std::string(server), DirectoryServer::Kind::ActiveDirectory});
-          any = true;
-        }
-        if (!any && !d.ad_domain.empty()) servers.push_back({d.ad_domain, DirectoryServer::Kind::ActiveDirectory});
-      }
-    }
-    return servers;
+    std::optional<std::string> conf = read_file(resolve(kDirectoryClientConfig));
+    if (!conf) return {};
+    return servers_in_directory_client_config(*conf);
   }
 
  private:
