@@ -5,14 +5,11 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <ctime>
@@ -26,6 +23,7 @@
 #include "platform/file_lock.h"
 #include "platform/file_util.h"
 #include "platform/linux/directory_servers.h"
+#include "platform/linux/nss_accounts.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
@@ -84,112 +82,6 @@ std::string fresh_uuid() {
   return text;
 }
 
-// NSS answers, at the real root only. The reentrant calls need a caller
-// buffer that may have to grow.
-struct NssUser {
-  uint32_t uid = 0;
-  uint32_t gid = 0;
-};
-
-struct NssGroup {
-  uint32_t gid = 0;
-  std::vector<std::string> members;
-};
-
-bool nss_user(const std::string& name, NssUser* user) {
-  std::vector<char> buf(4096);
-  for (;;) {
-    struct passwd pw;
-    struct passwd* found = nullptr;
-    int rc = ::getpwnam_r(name.c_str(), &pw, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    if (rc != 0 || !found) return false;
-    *user = NssUser{pw.pw_uid, pw.pw_gid};
-    return true;
-  }
-}
-
-NssGroup group_from(const struct group& gr) {
-  NssGroup g;
-  g.gid = gr.gr_gid;
-  for (char** m = gr.gr_mem; m && *m; ++m) g.members.emplace_back(*m);
-  return g;
-}
-
-std::optional<NssGroup> nss_group(const std::string& name) {
-  std::vector<char> buf(4096);
-  for (;;) {
-    struct group gr;
-    struct group* found = nullptr;
-    int rc = ::getgrnam_r(name.c_str(), &gr, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    if (rc != 0 || !found) return std::nullopt;
-    return group_from(gr);
-  }
-}
-
-bool nss_gid_taken(uint32_t gid) {
-  std::vector<char> buf(4096);
-  for (;;) {
-    struct group gr;
-    struct group* found = nullptr;
-    int rc = ::getgrgid_r(gid, &gr, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    return rc == 0 && found;
-  }
-}
-
-std::vector<uint32_t> nss_group_ids_of(const std::string& user, uint32_t primary_gid) {
-  int count = 32;
-  std::vector<gid_t> gids(static_cast<size_t>(count));
-  for (int tries = 0; tries < 8; ++tries) {
-    int n = count;
-    if (::getgrouplist(user.c_str(), primary_gid, gids.data(), &n) >= 0) {
-      gids.resize(static_cast<size_t>(std::max(n, 0)));
-      return {gids.begin(), gids.end()};
-    }
-    if (n <= count) break;  // no progress: give up rather than loop
-    count = n;
-    gids.resize(static_cast<size_t>(count));
-  }
-  return {primary_gid};
-}
-
-// The group database is enumerated through process-wide state.
-std::mutex& group_enumeration_mutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::vector<std::string> nss_group_names() {
-  std::lock_guard<std::mutex> lock(group_enumeration_mutex());
-  std::vector<std::string> names;
-  std::vector<char> buf(4096);
-  ::setgrent();
-  for (;;) {
-    struct group gr;
-    struct group* found = nullptr;
-    int rc = ::getgrent_r(&gr, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    if (rc != 0 || !found) break;
-    names.emplace_back(gr.gr_name);
-  }
-  ::endgrent();
-  return names;
-}
-
 // Names of the records in a store directory. Temporary files of atomic
 // writes and backups of damaged records do not end in ".plist".
 std::vector<std::string> record_names_in(const std::string& dir) {
@@ -206,95 +98,11 @@ std::vector<std::string> record_names_in(const std::string& dir) {
   return names;
 }
 
-// The record file's identity. A replacement by rename gets a new inode, and
-// any write in place moves the change time, which nobody can set back.
-struct FileIdentity {
-  dev_t dev = 0;
-  ino_t ino = 0;
-  off_t size = 0;
-  struct timespec mtime {};
-  struct timespec ctime {};
-
-  static FileIdentity of(const struct stat& st) { return {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim}; }
-  bool operator==(const FileIdentity& o) const {
-    return dev == o.dev && ino == o.ino && size == o.size && mtime.tv_sec == o.mtime.tv_sec &&
-           mtime.tv_nsec == o.mtime.tv_nsec && ctime.tv_sec == o.ctime.tv_sec && ctime.tv_nsec == o.ctime.tv_nsec;
-  }
-};
-
 enum class RecordState { Missing, Damaged, Ok };
 
 struct LoadedRecord {
   RecordState state = RecordState::Missing;
   std::shared_ptr<const plist::Dict> record;  // set when Ok
-};
-
-// NSS answers for the questions of one request. A request asks about the
-// same user once per group, and NSS modules other than plain files can take
-// a tenth of a millisecond per answer, so answers are kept for at most
-// kSystemAccountsTtl and dropped at once when /etc/passwd or /etc/group
-// changes.
-class SystemAccounts {
- public:
-  struct User {
-    bool found = false;
-    NssUser ids;
-    std::vector<uint32_t> gids;  // every group of the user, primary included
-  };
-
-  User user(const std::string& name) {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      refresh_locked();
-      if (auto it = users_.find(name); it != users_.end()) return it->second;
-    }
-    User u;
-    u.found = nss_user(name, &u.ids);
-    if (u.found) u.gids = nss_group_ids_of(name, u.ids.gid);
-    std::lock_guard<std::mutex> lock(mu_);
-    users_.emplace(name, u);
-    return u;
-  }
-
-  std::optional<NssGroup> group(const std::string& name) {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      refresh_locked();
-      if (auto it = groups_.find(name); it != groups_.end()) return it->second;
-    }
-    std::optional<NssGroup> g = nss_group(name);
-    std::lock_guard<std::mutex> lock(mu_);
-    groups_.emplace(name, g);
-    return g;
-  }
-
- private:
-  static constexpr std::chrono::milliseconds kSystemAccountsTtl{1000};
-
-  static FileIdentity identity_of(const char* path) {
-    struct stat st;
-    return ::stat(path, &st) == 0 ? FileIdentity::of(st) : FileIdentity{};
-  }
-
-  void refresh_locked() {
-    auto now = std::chrono::steady_clock::now();
-    FileIdentity passwd = identity_of("/etc/passwd");
-    FileIdentity group = identity_of("/etc/group");
-    if (valid_ && now - stamp_ < kSystemAccountsTtl && passwd == passwd_ && group == group_) return;
-    users_.clear();
-    groups_.clear();
-    valid_ = true;
-    stamp_ = now;
-    passwd_ = passwd;
-    group_ = group;
-  }
-
-  std::mutex mu_;
-  bool valid_ = false;
-  std::chrono::steady_clock::time_point stamp_;
-  FileIdentity passwd_, group_;
-  std::unordered_map<std::string, User> users_;
-  std::unordered_map<std::string, std::optional<NssGroup>> groups_;
 };
 
 class DirectoryStore : public Directory {
