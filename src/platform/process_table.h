@@ -100,6 +100,14 @@ class ProcessTable {
   // or its mappings may not be read; *out is then zero.
   virtual bool regions(uint32_t pid, ProcessRegions* out) = 0;
 
+  // Region figures of each of pids: *out gets one entry per pid, in order,
+  // zero where regions() would return false. An implementation may read
+  // several at once; by default this asks regions() for each.
+  virtual void regions_of(const std::vector<uint32_t>& pids, std::vector<ProcessRegions>* out) {
+    out->assign(pids.size(), ProcessRegions{});
+    for (size_t i = 0; i < pids.size(); ++i) regions(pids[i], &(*out)[i]);
+  }
+
   // Host-wide figures. Returns 0, or an errno value for the first figure
   // that could not be read (the others are still filled in).
   virtual int host_load(HostLoad* out) = 0;

@@ -8,11 +8,14 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <limits>
 #include <optional>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -66,6 +69,51 @@ std::optional<std::string_view> read_into(int dir_fd, const char* path, char* bu
     if (length < capacity) break;
   }
   return std::string_view(buf, length);
+}
+
+// A process number as its directory's name.
+class PidName {
+ public:
+  explicit PidName(uint32_t pid) {
+    auto [end, ec] = std::to_chars(text_, text_ + sizeof(text_) - 1, pid);
+    *end = '\0';
+  }
+  const char* c_str() const { return text_; }
+
+ private:
+  char text_[16];
+};
+
+// Below this many processes a listing is read on the calling thread alone:
+// starting helpers would cost more than they save.
+constexpr size_t kParallelThreshold = 256;
+constexpr unsigned kMaxReaders = 4;
+
+// Runs work(begin, end) over slices of [0, n), on up to kMaxReaders threads
+// (the caller's among them) when n is large enough. Reading /proc is almost
+// all kernel time spent under per-process locks, so a server-sized table
+// reads in about 1/k of the time on k idle processors. Should a thread not
+// start, the caller reads that slice itself.
+template <typename Work>
+void in_parallel(size_t n, const Work& work) {
+  unsigned readers = std::min(kMaxReaders, std::max(1u, std::thread::hardware_concurrency()));
+  if (n < kParallelThreshold || readers < 2) {
+    work(0, n);
+    return;
+  }
+  size_t slice = (n + readers - 1) / readers;
+  std::vector<std::thread> helpers;
+  helpers.reserve(readers - 1);
+  for (size_t begin = slice; begin < n; begin += slice) {
+    size_t end = std::min(n, begin + slice);
+    try {
+      helpers.emplace_back([&work, begin, end] { work(begin, end); });
+    } catch (const std::system_error&) {
+      work(begin, end);
+    }
+  }
+  work(0, std::min(n, slice));
+  for (std::thread& helper : helpers) helper.join();
 }
 
 // "PID/leaf" into a stack buffer. pid_name is at most ten digits.
@@ -262,15 +310,37 @@ class ProcProcessTable : public ProcessTable {
     DIR* dir = ::opendir(proc_dir_.c_str());
     if (!dir) return errno ? errno : EIO;
     int dir_fd = ::dirfd(dir);
-    ProcessFacts facts;
+    std::vector<uint32_t> pids;
     while (struct dirent* entry = ::readdir(dir)) {
       std::string_view name(entry->d_name);
       uint32_t pid = 0;
       if (name.empty() || name[0] < '1' || name[0] > '9' || !parse_whole(name, &pid)) continue;
-      if (read_process(dir_fd, entry->d_name, pid, parts, &facts)) out->push_back(facts);
+      pids.push_back(pid);
     }
+    out->resize(pids.size());
+    std::vector<uint8_t> whole(pids.size(), 0);
+    in_parallel(pids.size(), [&](size_t begin, size_t end) {
+      for (size_t i = begin; i < end; ++i) {
+        PidName name(pids[i]);
+        whole[i] = read_process(dir_fd, name.c_str(), pids[i], parts, &(*out)[i]);
+      }
+    });
     ::closedir(dir);
+    size_t kept = 0;
+    for (size_t i = 0; i < whole.size(); ++i)
+      if (whole[i]) {
+        if (kept != i) (*out)[kept] = std::move((*out)[i]);
+        ++kept;
+      }
+    out->resize(kept);
     return 0;
+  }
+
+  void regions_of(const std::vector<uint32_t>& pids, std::vector<ProcessRegions>* out) override {
+    out->assign(pids.size(), ProcessRegions{});
+    in_parallel(pids.size(), [&](size_t begin, size_t end) {
+      for (size_t i = begin; i < end; ++i) regions(pids[i], &(*out)[i]);
+    });
   }
 
   bool regions(uint32_t pid, ProcessRegions* out) override {

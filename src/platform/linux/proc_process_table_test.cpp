@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "platform/file_util.h"
@@ -193,6 +194,53 @@ TEST(ProcProcessTableTest, ReadsOnlyTheAskedParts) {
   EXPECT_EQ(pids(), (std::vector<uint32_t>{40, 42}));  // status carries both
   EXPECT_EQ(find(list, 42)->uid, 501u);
   EXPECT_EQ(find(list, 42)->virtual_private_bytes, 128u * 1024);
+}
+
+// A server-sized table is read in slices on several threads: every record
+// still lands whole, each with its own process's figures, and region
+// figures come back in the order asked.
+TEST(ProcProcessTableTest, LargeTablesLoseNothingAndMixNothing) {
+  ProcTree t;
+  auto put = [&t](const std::string& relative, const std::string& contents) {
+    fs::create_directories(fs::path(t.dir() + "/" + relative).parent_path());
+    std::ofstream(t.dir() + "/" + relative) << contents;
+  };
+  const long page = ::sysconf(_SC_PAGESIZE);
+  std::vector<uint32_t> expected;
+  for (uint32_t pid = 1000; pid < 1700; ++pid) {
+    std::string p = std::to_string(pid);
+    bool broken = pid % 7 == 0;
+    // A broken line stops one figure short.
+    put(p + "/stat", p + " (p" + p + ") S 1 " + p + " 1 0 -1 0 0 0 0 0 " + p + " 0 0 0 20 0 1 0 " + p +
+                         (broken ? " 0\n" : " 0 0\n"));
+    put(p + "/statm", "1 1 1 1 0 " + p + " 0\n");
+    put(p + "/smaps_rollup", "Private_Dirty: " + p + " kB\nShared_Clean: 1 kB\n");
+    if (!broken) expected.push_back(pid);
+  }
+  auto table = make_proc_process_table(t.dir());
+  std::vector<ProcessFacts> list;
+  ASSERT_EQ(table->list(&list, kProcessPrivateSize), 0);
+  std::vector<uint32_t> pids;
+  for (const ProcessFacts& f : list) {
+    pids.push_back(f.pid);
+    EXPECT_EQ(f.command, "p" + std::to_string(f.pid));
+    EXPECT_EQ(f.pgid, f.pid);
+    EXPECT_EQ(f.virtual_private_bytes, f.pid * static_cast<uint64_t>(page));
+  }
+  std::sort(pids.begin(), pids.end());
+  EXPECT_EQ(pids, expected);
+
+  std::vector<uint32_t> asked = {1699, 5, 1000, 1698};
+  std::vector<ProcessRegions> regions;
+  table->regions_of(asked, &regions);
+  ASSERT_EQ(regions.size(), 4u);
+  EXPECT_EQ(regions[0].resident_private, 1699u * 1024);
+  EXPECT_EQ(regions[1].resident_private, 0u);  // no such process
+  EXPECT_EQ(regions[2].resident_private, 1000u * 1024);
+  EXPECT_EQ(regions[3].resident_shared, 1024u);
+  asked.assign(expected.begin(), expected.end());
+  table->regions_of(asked, &regions);
+  for (size_t i = 0; i < asked.size(); ++i) EXPECT_EQ(regions[i].resident_private, asked[i] * 1024u);
 }
 
 TEST(ProcProcessTableTest, RegionsAndHostLoad) {

@@ -64,21 +64,26 @@ libtop_time_t ProcessSampler::now() const {
   return libtop_time_t{ts.tv_sec, ts.tv_nsec / 1000};
 }
 
-void ProcessSampler::sample_regions(const platform::ProcessFacts& f, bool regions, libtop_pinfo_t* p) {
-  p->vprvt = f.virtual_private_bytes;
+bool ProcessSampler::regions_due(bool regions, libtop_pinfo_t* p) const {
   if (!regions || p->preg == LIBTOP_PREG_OFF) {
     p->rprvt = p->rshrd = 0;
     p->regions_seq = 0;
-    return;
+    return false;
   }
-  if (p->regions_seq != 0 && tsamp_.seq - p->regions_seq <= region_interval_) return;
-  platform::ProcessRegions r;
-  // A process whose mappings may not be read keeps zero figures; the rest
-  // of its record is whole, so it stays in the sample.
-  table_.regions(f.pid, &r);
-  p->rprvt = r.resident_private;
-  p->rshrd = r.resident_shared;
-  p->regions_seq = tsamp_.seq;
+  return p->regions_seq == 0 || tsamp_.seq - p->regions_seq > region_interval_;
+}
+
+void ProcessSampler::read_due_regions() {
+  if (due_.empty()) return;
+  // One request for all of them, which the table may serve in parallel. A
+  // process whose mappings may not be read keeps zero figures; the rest of
+  // its record is whole, so it stays in the sample.
+  table_.regions_of(due_pids_, &due_regions_);
+  for (size_t i = 0; i < due_.size(); ++i) {
+    due_[i]->rprvt = due_regions_[i].resident_private;
+    due_[i]->rshrd = due_regions_[i].resident_shared;
+    due_[i]->regions_seq = tsamp_.seq;
+  }
 }
 
 int ProcessSampler::sample(const SampleScope& scope) {
@@ -99,6 +104,8 @@ int ProcessSampler::sample(const SampleScope& scope) {
   }
 
   uint32_t threads = 0;
+  due_.clear();
+  due_pids_.clear();
   for (const platform::ProcessFacts& f : facts_) {
     auto [it, inserted] = processes_.try_emplace(f.pid);
     libtop_pinfo_t* p = &it->second;
@@ -124,9 +131,14 @@ int ProcessSampler::sample(const SampleScope& scope) {
     }
     p->p_seq = p->seq;
     p->seq = tsamp_.seq;
-    sample_regions(f, scope.regions, p);
+    p->vprvt = f.virtual_private_bytes;
+    if (regions_due(scope.regions, p)) {
+      due_.push_back(p);
+      due_pids_.push_back(p->pid);
+    }
     threads += f.threads;
   }
+  read_due_regions();
   tsamp_.processes = static_cast<uint32_t>(facts_.size());
   tsamp_.threads = threads;
 

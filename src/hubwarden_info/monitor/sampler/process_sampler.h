@@ -71,7 +71,10 @@ class ProcessSampler {
   template <typename... Args>
   void report(const char* format, Args... args);
   libtop_time_t now() const;
-  void sample_regions(const platform::ProcessFacts& f, bool regions, libtop_pinfo_t* p);
+  // Whether p's region figures are to be read in this sample; clears them
+  // when regions are not wanted.
+  bool regions_due(bool regions, libtop_pinfo_t* p) const;
+  void read_due_regions();
   void reset_walk();
 
   platform::ProcessTable& table_;
@@ -86,6 +89,10 @@ class ProcessSampler {
   std::map<uint32_t, libtop_pinfo_t> processes_;
   UsernameCache users_;
   std::vector<platform::ProcessFacts> facts_;  // reused between samples
+  // The records whose region figures the current sample reads.
+  std::vector<libtop_pinfo_t*> due_;
+  std::vector<uint32_t> due_pids_;
+  std::vector<platform::ProcessRegions> due_regions_;
 
   bool sorted_ = false;
   std::vector<const libtop_pinfo_t*> order_;
