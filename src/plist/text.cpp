@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "plist/codec.h"
+#include "plist/text_util.h"
 
 namespace plist {
 
@@ -325,12 +326,9 @@ Parsed parse_text(std::string_view text) { return TextReader(text).run(); }
 Parsed parse_any(std::string_view text) {
   std::string_view rest = text;
   if (rest.substr(0, 3) == "\xEF\xBB\xBF") rest.remove_prefix(3);
-  size_t first = rest.find_first_not_of(" \t\r\n");
-  if (first != std::string_view::npos) {
-    std::string_view head = rest.substr(first);
-    if (head.starts_with("<?xml") || head.starts_with("<!DOCTYPE") || head.starts_with("<plist"))
-      return parse_xml(rest);
-  }
+  std::string_view head = text::trim(rest);
+  if (head.starts_with("<?xml") || head.starts_with("<!DOCTYPE") || head.starts_with("<plist"))
+    return parse_xml(rest);
   return parse_text(text);
 }
 
