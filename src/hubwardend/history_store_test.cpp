@@ -232,11 +232,15 @@ TEST_F(HistoryStoreTest, TiersHoldExactBucketAveragesStampedWithTheirEnds) {
       EXPECT_EQ(value_of(point, "v1"), rounded(b.v1_sum, b.v1_count)) << end;
       EXPECT_EQ(value_of(point, "v2"), b.v2_count ? rounded(b.v2_sum, b.v2_count) : Value("")) << end;
       // Evenly spaced: the schedule leaves no bucket of the week empty.
-      if (in_tier > 0) EXPECT_EQ(end - t_of(points[i - 1]), kTiers[k].step) << "tier " << k;
+      if (in_tier > 0) {
+        EXPECT_EQ(end - t_of(points[i - 1]), kTiers[k].step) << "tier " << k;
+      }
       ++i;
       ++in_tier;
     }
-    if (k + 1 < kTierCount) EXPECT_GT(in_tier, 0u) << "tier " << k;  // nothing is a month old
+    if (k + 1 < kTierCount) {
+      EXPECT_GT(in_tier, 0u) << "tier " << k;  // nothing is a month old
+    }
     EXPECT_LE(static_cast<int64_t>(in_tier), history::max_points(k)) << "tier " << k;
   }
   EXPECT_EQ(i, points.size());
