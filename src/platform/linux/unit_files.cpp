@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@
 
 #include "platform/file_util.h"
 #include "platform/paths.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 #include "plist/text_util.h"
 
 namespace platform {
@@ -42,21 +45,59 @@ std::string_view base_name(std::string_view path) {
 using text::split_words;
 using text::trim;
 
+// The entry functions below act on the link or file itself, never on what
+// it leads to, and resolve the directories on the way inside the sandbox
+// root: a *.wants/ directory linked to a folder outside the root must not
+// let an enable or disable touch that folder.
+
 std::optional<std::string> read_link(const std::string& path) {
+  std::string leaf;
+  UniqueFd dir(open_parent_confined(path, false, &leaf));
+  if (!dir.valid()) return std::nullopt;
   char buf[PATH_MAX];
-  ssize_t n = ::readlink(path.c_str(), buf, sizeof buf);
+  ssize_t n = ::readlinkat(dir.get(), leaf.c_str(), buf, sizeof buf);
   if (n < 0 || static_cast<size_t>(n) >= sizeof buf) return std::nullopt;
   return std::string(buf, static_cast<size_t>(n));
 }
 
+bool lstat_entry(const std::string& path, struct stat* st) {
+  std::string leaf;
+  UniqueFd dir(open_parent_confined(path, false, &leaf));
+  return dir.valid() && ::fstatat(dir.get(), leaf.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 bool is_symlink(const std::string& path) {
   struct stat st;
-  return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+  return lstat_entry(path, &st) && S_ISLNK(st.st_mode);
 }
 
 bool entry_exists(const std::string& path) {
   struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
+  return lstat_entry(path, &st);
+}
+
+// The names in directory path ("." and ".." left out); empty when it cannot
+// be read.
+std::vector<std::string> list_directory(const std::string& path) {
+  std::vector<std::string> names;
+  int fd = open_confined(path, O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return names;
+  DIR* d = ::fdopendir(fd);
+  if (d == nullptr) {
+    ::close(fd);
+    return names;
+  }
+  while (dirent* e = ::readdir(d)) {
+    std::string_view name = e->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  ::closedir(d);
+  return names;
+}
+
+bool is_link_dir_name(std::string_view entry) {
+  return (entry.size() > 6 && entry.substr(entry.size() - 6) == ".wants") ||
+         (entry.size() > 9 && entry.substr(entry.size() - 9) == ".requires");
 }
 
 // Expands the specifiers that matter for simple install sections; names
@@ -175,7 +216,7 @@ std::optional<Located> locate(const std::string& lookup_name) {
   for (const std::string& dir : kUnitSearchDirs) {
     std::string entry = dir + "/" + lookup_name;
     struct stat st;
-    if (::lstat(resolve(entry).c_str(), &st) != 0) continue;
+    if (!lstat_entry(resolve(entry), &st)) continue;
     Located found;
     std::string current = entry;
     int hops = 0;
@@ -187,7 +228,7 @@ std::optional<Located> locate(const std::string& lookup_name) {
         found.masked = true;
         return found;
       }
-      if (::lstat(resolve(current).c_str(), &st) != 0) break;  // dangling: try the next directory
+      if (!lstat_entry(resolve(current), &st)) break;  // dangling: try the next directory
     }
     if (!S_ISREG(st.st_mode)) continue;
     found.contents_path = current;
@@ -235,20 +276,9 @@ UnitFileState state_of(const std::string& name, int depth) {
   }
   for (const std::string& dir : kLinkDirs) {
     std::string resolved = resolve(dir);
-    DIR* d = ::opendir(resolved.c_str());
-    if (d == nullptr) continue;
-    bool enabled = false;
-    while (dirent* e = ::readdir(d)) {
-      std::string_view entry = e->d_name;
-      bool wants = entry.size() > 6 && entry.substr(entry.size() - 6) == ".wants";
-      bool requires_ = entry.size() > 9 && entry.substr(entry.size() - 9) == ".requires";
-      if ((wants || requires_) && entry_exists(resolved + "/" + e->d_name + "/" + name)) {
-        enabled = true;
-        break;
-      }
+    for (const std::string& entry : list_directory(resolved)) {
+      if (is_link_dir_name(entry) && entry_exists(resolved + "/" + entry + "/" + name)) return UnitFileState::kEnabled;
     }
-    ::closedir(d);
-    if (enabled) return UnitFileState::kEnabled;
   }
   for (const std::string& alias : info->aliases) {
     if (alias == name) continue;
@@ -264,15 +294,16 @@ UnitFileState state_of(const std::string& name, int depth) {
 // Places a link dir/name -> target so that readers never see it missing:
 // the link is made under a temporary name and renamed over the old one.
 int place_link(const std::string& dir, const std::string& name, const std::string& target) {
-  if (!make_directories(dir)) return errno != 0 ? errno : EIO;
+  std::string leaf;
+  UniqueFd dir_fd(open_parent_confined(dir + "/" + name, true, &leaf));
+  if (!dir_fd.valid()) return errno != 0 ? errno : EIO;
   static std::atomic<unsigned> counter{0};
-  std::string tmp = dir + "/.#" + name + "." + std::to_string(::getpid()) + "." + std::to_string(counter++);
-  ::unlink(tmp.c_str());
-  if (::symlink(target.c_str(), tmp.c_str()) != 0) return errno;
-  std::string final_path = dir + "/" + name;
-  if (::rename(tmp.c_str(), final_path.c_str()) != 0) {
+  std::string tmp = ".#" + leaf + "." + std::to_string(::getpid()) + "." + std::to_string(counter++);
+  ::unlinkat(dir_fd.get(), tmp.c_str(), 0);
+  if (::symlinkat(target.c_str(), dir_fd.get(), tmp.c_str()) != 0) return errno;
+  if (::renameat(dir_fd.get(), tmp.c_str(), dir_fd.get(), leaf.c_str()) != 0) {
     int err = errno;
-    ::unlink(tmp.c_str());
+    ::unlinkat(dir_fd.get(), tmp.c_str(), 0);
     return err;
   }
   return 0;
@@ -280,8 +311,12 @@ int place_link(const std::string& dir, const std::string& name, const std::strin
 
 // Removes path when it is a link; 0 when it is gone (or never was).
 int remove_link(const std::string& path) {
-  if (!is_symlink(path)) return 0;
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return errno;
+  std::string leaf;
+  UniqueFd dir(open_parent_confined(path, false, &leaf));
+  if (!dir.valid()) return 0;
+  struct stat st;
+  if (::fstatat(dir.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return 0;
+  if (::unlinkat(dir.get(), leaf.c_str(), 0) != 0 && errno != ENOENT) return errno;
   return 0;
 }
 
@@ -353,17 +388,8 @@ int disable_unit_file(const std::string& name) {
     if (status == 0) status = s;
   };
   const std::string admin_dir = resolve(kUnitAdminDir);
-  if (DIR* d = ::opendir(admin_dir.c_str())) {
-    std::vector<std::string> link_dirs;
-    while (dirent* e = ::readdir(d)) {
-      std::string_view entry = e->d_name;
-      if ((entry.size() > 6 && entry.substr(entry.size() - 6) == ".wants") ||
-          (entry.size() > 9 && entry.substr(entry.size() - 9) == ".requires")) {
-        link_dirs.emplace_back(entry);
-      }
-    }
-    ::closedir(d);
-    for (const std::string& dir : link_dirs) keep_first(remove_link(admin_dir + "/" + dir + "/" + unit));
+  for (const std::string& entry : list_directory(admin_dir)) {
+    if (is_link_dir_name(entry)) keep_first(remove_link(admin_dir + "/" + entry + "/" + unit));
   }
   for (const std::string& alias : info->aliases) {
     if (alias == unit) continue;
