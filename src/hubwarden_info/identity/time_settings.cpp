@@ -13,7 +13,9 @@
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
+#include "platform/root_fs.h"
 #include "platform/service_manager.h"
+#include "platform/unique_fd.h"
 #include "plist/text_util.h"
 
 namespace hubwarden {
@@ -123,8 +125,13 @@ plist::Value get_city_record() {
 std::string get_time_zone_name() {
   // The link is what the C library reads and what a zone change rewrites;
   // /etc/timezone is only a copy that can lag behind it.
+  // The folder is opened inside the sandbox root, so a linked /etc cannot
+  // hand us the machine's own zone.
   char target[4096];
-  ssize_t n = ::readlink(platform::resolve(kLocaltimePath).c_str(), target, sizeof(target) - 1);
+  ssize_t n = -1;
+  std::string leaf;
+  platform::UniqueFd etc(platform::open_parent_confined(platform::resolve(kLocaltimePath), false, &leaf));
+  if (etc.valid()) n = ::readlinkat(etc.get(), leaf.c_str(), target, sizeof(target) - 1);
   if (n > 0) {
     std::string zone = zone_of_link_target(std::string_view(target, static_cast<size_t>(n)));
     if (!zone.empty()) return zone;

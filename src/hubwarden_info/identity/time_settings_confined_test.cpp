@@ -1,0 +1,36 @@
+// The zone name comes from the sandbox's own /etc, never from a folder a
+// link inside the sandbox points at.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+
+#include "identity/time_settings.h"
+#include "platform/file_util.h"
+#include "request/spine_test_support.h"
+
+namespace hubwarden {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(TimeZoneConfined, LinkedEtcFolderIsResolvedInsideTheRoot) {
+  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
+  const std::string outside = ::mkdtemp(tmpl.data());
+  fs::create_symlink("/usr/share/zoneinfo/Europe/Paris", outside + "/localtime");
+  ASSERT_TRUE(platform::write_file_atomically(outside + "/timezone", "Europe/Paris\n"));
+  {
+    testing::SandboxRoot root;
+    fs::create_symlink(outside, root.path("/etc"));
+    EXPECT_EQ(get_time_zone_name(), "");
+
+    // The same link text, taken from the root, finds the sandbox's zone.
+    fs::create_directories(root.path(outside));
+    fs::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", root.path(outside + "/localtime"));
+    EXPECT_EQ(get_time_zone_name(), "Asia/Tokyo");
+  }
+  fs::remove_all(outside);
+}
+
+}  // namespace
+}  // namespace hubwarden
