@@ -4,11 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <cstdio>
 
+#include "access/tiered_admin.h"
 #include "platform/fake/fake_directory.h"
+#include "platform/fake/fake_log.h"
 #include "platform/file_util.h"
-#include "platform/log.h"
 #include "request/operations.h"
 #include "request/spine_test_support.h"
 
@@ -18,16 +19,6 @@ namespace {
 using platform::FakeDirectory;
 
 const std::string kResources = "/usr/share/hubwardend/bundles/hubwarden_info.bundle/Contents/Resources/";
-
-class RecordingLog : public platform::Log {
- public:
-  void write(platform::Priority priority, std::string_view line) override {
-    std::lock_guard<std::mutex> lock(mu);
-    lines.emplace_back(priority, line);
-  }
-  std::mutex mu;
-  std::vector<std::pair<platform::Priority, std::string>> lines;
-};
 
 plist::Array names_of(std::initializer_list<const char*> names) {
   plist::Array a;
@@ -40,21 +31,31 @@ class AclsTest : public ::testing::Test {
   AclsTest() {
     platform::install<platform::Directory>(&directory);
     platform::install<platform::Log>(&log);
+    platform::install<platform::Requester>(&requester);
     reset_acl_name_caches_for_testing();
   }
   ~AclsTest() override {
     platform::install<platform::Directory>(nullptr);
     platform::install<platform::Log>(nullptr);
+    platform::install<platform::Requester>(nullptr);
     reset_acl_name_caches_for_testing();
   }
   std::optional<Array> sacls(const char* user, bool search = true) {
     Value name(user);
     return sacls_for_user(&name, nullptr, search);
   }
+  std::optional<Dict> summary(ErrorName* error = nullptr) {
+    std::optional<Dict> result;
+    Dict context;
+    ErrorName e = get_tiered_admin_summary(nullptr, result, &context);
+    if (error) *error = e;
+    return result;
+  }
 
   testing::SandboxRoot root;
   FakeDirectory directory;
-  RecordingLog log;
+  platform::FakeLog log;
+  testing::FixedRequester requester{"alice"};
 };
 
 TEST_F(AclsTest, NameListsFollowTheFilesAndAreBuiltOnce) {
@@ -130,7 +131,8 @@ TEST_F(AclsTest, WriteRulesForCreationRemovalAndUpdates) {
       // Only the name keys: an update with nothing to write.
       Value(Dict{{"_id_", "com.marlo.access_keep"}, {"dsAttrTypeStandard:RecordName", "com.marlo.access_keep"}}),
       // The same with "_newid_": written with an empty attribute set.
-      Value(Dict{{"_id_", "com.marlo.access_empty"}, {"dsAttrTypeStandard:RecordName", "com.marlo.access_empty"},
+      Value(Dict{{"_id_", "com.marlo.access_empty"},
+                 {"dsAttrTypeStandard:RecordName", "com.marlo.access_empty"},
                  {"_newid_", true}}),
       // Lower-case yes and "1" are not true: an update that passes them on.
       Value(Dict{{"_id_", "com.marlo.access_keep"}, {"_newid_", "yes"}, {"_obsoleteid_", "1"}}),
@@ -163,8 +165,8 @@ TEST_F(AclsTest, WriteRulesForCreationRemovalAndUpdates) {
             platform::kDirectoryRecordNotFound);
 }
 
-const std::vector<std::string> kAllEight = {"_filer._tcp", "_carddav._tcp", "_backup-target._tcp", "_caldav._tcp",
-                                            "_xmpp-client._tcp", "_imap._tcp", "_smb._tcp", "_l2tp._udp"};
+const std::vector<std::string> kAllEight = {"_filer._tcp",       "_carddav._tcp", "_backup-target._tcp", "_caldav._tcp",
+                                            "_xmpp-client._tcp", "_imap._tcp",    "_smb._tcp",           "_l2tp._udp"};
 
 std::vector<std::string> texts(const Array& a) {
   std::vector<std::string> out;
@@ -197,12 +199,11 @@ TEST_F(AclsTest, SaclsForUser) {
 
   // Nested membership counts.
   directory.add_user("carol", "C-1");
-  directory.put_group("com.marlo.access_vpn",
-                      Dict{{"dsAttrTypeStandard:NestedGroups", names_of({"G-STAFF"})}});
+  directory.put_group("com.marlo.access_vpn", Dict{{"dsAttrTypeStandard:NestedGroups", names_of({"G-STAFF"})}});
   directory.add_group("staff", {"carol"}, "G-STAFF");
   std::vector<std::string> carol = texts(*sacls("carol"));
   EXPECT_EQ(carol.front(), "_l2tp._udp");
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.entries().empty());
 
   // Only the prefix's length is taken on trust, and suffixes match exactly.
   EXPECT_EQ(service_name_from_sacl_group_name("xxxxxxxxxxxxxxxxxvpn"), "_l2tp._udp");
@@ -212,7 +213,7 @@ TEST_F(AclsTest, SaclsForUser) {
 
 TEST_F(AclsTest, SaclsForUserFailuresAreLoggedAndGiveNothing) {
   EXPECT_FALSE(sacls("nobody"));
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.entries().empty());
   EXPECT_FALSE(sacls_for_user(nullptr, nullptr, true));
   Value number(5);
   EXPECT_FALSE(sacls_for_user(&number, nullptr, true));
@@ -224,15 +225,86 @@ TEST_F(AclsTest, SaclsForUserFailuresAreLoggedAndGiveNothing) {
   EXPECT_FALSE(sacls("alice", false));
   directory.fail_node("/Local/Default", platform::kDirectoryRecordNotFound);
   EXPECT_FALSE(sacls("alice"));
-  ASSERT_EQ(log.lines.size(), 3u);
-  for (const auto& [priority, line] : log.lines) EXPECT_EQ(priority, platform::Priority::Error);
-  EXPECT_EQ(log.lines[0].second,
-            "hubwarden_info: sacls_for_user(): unable to get the user record. Got error node unavailable (-14002)");
-  EXPECT_EQ(log.lines[1].second,
-            "hubwarden_info: sacls_for_user(): unable to open the node to search for the user. Got error node "
-            "unavailable (-14002)");
-  EXPECT_EQ(log.lines[2].second,
-            "hubwarden_info: sacls_for_user(): unable to open the local node. Got error record not found (-14136)");
+  const std::string prefix = "hubwarden_info: sacls_for_user(): unable to ";
+  EXPECT_EQ(log.entries(),
+            (std::vector<platform::FakeLog::Entry>{
+                {platform::Priority::Error, prefix + "get the user record. Got error node unavailable (-14002)"},
+                {platform::Priority::Error,
+                 prefix + "open the node to search for the user. Got error node unavailable (-14002)"},
+                {platform::Priority::Error, prefix + "open the local node. Got error record not found (-14136)"}}));
+}
+
+Dict entry(bool monitor_only) { return Dict{{"monitorOnly", monitor_only}}; }
+
+TEST_F(AclsTest, TieredSummaryAdministrationWinsAndKeysTakeTheSecondPiece) {
+  directory.add_user("alice", "A-1");
+  directory.add_group("com.marlo.monitor_mail", {"alice"});
+  directory.add_group("com.marlo.admin_mail", {"alice"});
+  directory.add_group("com.marlo.admin_all_services", {"alice"});
+  directory.add_group("com.marlo.monitor_dns", {"alice"});
+  directory.add_group("com.marlo.monitor_web", {"bob"});
+  directory.add_group("com.marlo.admin_web", {"bob"});
+  // Nested membership counts.
+  directory.put_group("com.marlo.admin_vpn", Dict{{"dsAttrTypeStandard:NestedGroups", names_of({"G-OPS"})}});
+  directory.add_group("ops", {"alice"}, "G-OPS");
+
+  ErrorName error = "unset";
+  std::optional<Dict> result = summary(&error);
+  EXPECT_EQ(error, nullptr);
+  ASSERT_TRUE(result);
+  ASSERT_EQ(result->size(), 2u);
+  EXPECT_EQ(result->at_index(0).first, "userIsFullAdmin");
+  EXPECT_EQ(result->at_index(0).second, Value(false));
+  const Dict* table = result->find_dict("tieredAdminSummary");
+  ASSERT_TRUE(table);
+  EXPECT_EQ(*table, (Dict{{"hubwarden_all", entry(false)},
+                          {"hubwarden_mail", entry(false)},
+                          {"hubwarden_vpn", entry(false)},
+                          {"hubwarden_dns", entry(true)}}));
+
+  // A full administrator gets no table at all.
+  directory.add_group("admin", {"alice"});
+  result = summary();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(*result, (Dict{{"userIsFullAdmin", true}}));
+
+  // Someone in no group gets an empty table; an unknown user an error.
+  directory.add_user("bob");
+  requester.set_user("carol");
+  directory.add_user("carol");
+  result = summary();
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->find_dict("tieredAdminSummary")->empty());
+  requester.set_user("mallory");
+  result = summary(&error);
+  EXPECT_FALSE(result);
+  EXPECT_STREQ(error, "Couldn't find user record");
+}
+
+TEST_F(AclsTest, TieredSummaryOnlyTheFirst250GroupsOfEachFamilyCount) {
+  directory.add_user("alice");
+  char name[64];
+  for (int i = 0; i < 300; ++i) {
+    std::snprintf(name, sizeof name, "com.marlo.admin_s%03d", i);
+    directory.add_group(name, {"alice"});
+    std::snprintf(name, sizeof name, "com.marlo.monitor_m%03d", i);
+    directory.add_group(name, {"alice"});
+  }
+  std::optional<Dict> result = summary();
+  ASSERT_TRUE(result);
+  const Dict* table = result->find_dict("tieredAdminSummary");
+  EXPECT_EQ(table->size(), 500u);
+  EXPECT_TRUE(table->contains("hubwarden_s249"));
+  EXPECT_FALSE(table->contains("hubwarden_s250"));
+  EXPECT_TRUE(table->contains("hubwarden_m249"));
+  EXPECT_FALSE(table->contains("hubwarden_m250"));
+  for (const auto& [prefix, limit] : directory.queries()) EXPECT_EQ(limit, 250u) << prefix;
+
+  // Query failures are not reported: the table just comes out empty.
+  directory.fail_node("/Local/Default", platform::kDirectoryNodeUnavailable);
+  result = summary();
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->find_dict("tieredAdminSummary")->empty());
 }
 
 }  // namespace

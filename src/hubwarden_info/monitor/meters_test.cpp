@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "monitor/monitor_test_support.h"
-#include "platform/file_util.h"
-#include "platform/linux/meters_linux.h"
 #include "request/operations.h"
 
 namespace hubwarden {
@@ -96,29 +94,6 @@ TEST_F(MetersTest, CpuCounterEdgeCases) {
   ASSERT_EQ(grown.per_processor.size(), 2u);
   EXPECT_EQ(usage(grown.per_processor, 0), 10000u);
   EXPECT_EQ(*grown.average, Value(uint64_t{5000}));
-}
-
-TEST_F(MetersTest, IoWaitReadsAsIdleThroughTheLinuxReader) {
-  // Processor 0 spends half its time in user code and half waiting for
-  // I/O; processor 1 is half user, a quarter interrupts and a quarter
-  // stolen by the hypervisor.
-  auto stat = [&](uint64_t t) {
-    return "cpu  0 0 0 0 0 0 0 0 0 0\n"
-           "cpu0 " +
-           std::to_string(t) + " 0 0 0 " + std::to_string(t) + " 0 0 0 0 0\n" + "cpu1 " + std::to_string(2 * t) +
-           " 0 0 0 0 " + std::to_string(t) + " 0 " + std::to_string(t) + " 0 0\n" + "intr 0\n";
-  };
-  ASSERT_TRUE(platform::write_file_atomically(root_.path("/proc/stat"), stat(1000)));
-  auto linux_stats = platform::make_proc_processor_stats(root_.path("/proc"), root_.path("/sys"));
-  testing::Installed<platform::ProcessorStats> installed(linux_stats.get());
-  cpu();
-  advance(15);
-  ASSERT_TRUE(platform::write_file_atomically(root_.path("/proc/stat"), stat(3000)));
-  Cpu after = cpu();
-  ASSERT_EQ(after.per_processor.size(), 2u);
-  EXPECT_EQ(usage(after.per_processor, 0), 5000u);
-  EXPECT_EQ(usage(after.per_processor, 1), 10000u);
-  EXPECT_EQ(*after.average, Value(uint64_t{7500}));
 }
 
 TEST_F(MetersTest, FailedProcessorReadKeepsTheNewSampleTimeAndTheOldValues) {

@@ -125,10 +125,4 @@ class MonitorTest : public ::testing::Test {
   Installed<platform::ModuleManager> modules_slot_;
 };
 
-inline std::vector<std::string> keys_of(const plist::Dict& d) {
-  std::vector<std::string> keys;
-  for (const auto& [key, value] : d) keys.push_back(key);
-  return keys;
-}
-
 }  // namespace hubwarden::testing

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "access/connected_users.h"
 #include "access/services_table.h"
 #include "monitor/monitor_test_support.h"
 #include "plist/codec.h"
@@ -194,14 +195,58 @@ TEST_F(ServerInfoTest, MissingCachedStateIsRebuiltOrFailsAfterTheMetersRan) {
   EXPECT_FALSE(reply);
 }
 
-TEST_F(ServerInfoTest, ConnectedUsersWithoutAServiceConfiguration) {
+Dict configured(Value yes) { return Dict{{"configured", yes}}; }
+
+TEST_F(ServerInfoTest, ConnectedUsersAskConfiguredServicesAndMailAlways) {
+  testing::FixedRequester requester("operator");
+  testing::Installed<platform::Requester> requester_slot(&requester);
+  modules_.replies = {
+      {"hubwarden_filer", Dict{{"usersArray", Array{"ann", "bob"}}}},
+      {"hubwarden_ftp", Dict{{"usersArray", Array{"ann"}}}},
+      {"hubwarden_mail", Dict{{"usersArray", Array{"cy", "cy", "dee"}}}},
+      {"hubwarden_smb", Dict{{"usersArray", Array{"eve"}}}},
+      {"hubwarden_mediastream", Dict{{"connectionsArray", Array{1, 2, 3, 4}}}},
+  };
+  Dict all{{"com.marlo.Overseer.MarloFile", configured(true)},
+           {"com.marlo.Overseer.FTP", configured(true)},
+           {"com.marlo.Overseer.Windows", configured(true)},
+           {"com.marlo.Overseer.Mediastream", configured("YES")},
+           {"com.marlo.Overseer.Mail", configured(false)}};
+  // Before the services are ready nothing is asked.
+  EXPECT_EQ(get_numConnectedUsers(&all, &context_), 0u);
+  EXPECT_TRUE(modules_.calls.empty());
+
+  // No configuration at all, or an empty one: mail alone. Whatever the
+  // configuration reader yields in this sandbox, no other service is
+  // configured in it, so the report counts mail alone too.
   create_services_table();
-  modules_.replies["hubwarden_mail"] = Dict{{"usersArray", Array{"a", "b"}}};
-  modules_.replies["hubwarden_filer"] = Dict{{"usersArray", Array{"c"}}};
+  Dict none;
+  EXPECT_EQ(get_numConnectedUsers(nullptr, &context_), 3u);
+  EXPECT_EQ(get_numConnectedUsers(&none, &context_), 3u);
+  EXPECT_EQ(modules_.modules_asked(), (std::vector<std::string>(2, "hubwarden_mail")));
   ASSERT_EQ(state(Value(details("{GetNumConnectedUsers = YES;}"))), nullptr);
-  // Whatever the configuration reader yields in this sandbox, the file
-  // service is not configured in it, so mail alone is counted.
-  EXPECT_EQ(*reply_->find("numConnectedUsers"), Value(uint32_t{2}));
+  EXPECT_EQ(*reply_->find("numConnectedUsers"), Value(uint32_t{3}));
+
+  // Everything configured: each list is counted entry by entry, duplicates
+  // included, in the fixed order with each module's own command.
+  modules_.calls.clear();
+  EXPECT_EQ(get_numConnectedUsers(&all, &context_), 2u + 1 + 3 + 1 + 4);
+  EXPECT_EQ(modules_.modules_asked(), (std::vector<std::string>{"hubwarden_filer", "hubwarden_ftp", "hubwarden_mail",
+                                                                "hubwarden_smb", "hubwarden_mediastream"}));
+  EXPECT_EQ(modules_.calls[0].request, (Dict{{"command", "getConnectedUsers"}}));
+  EXPECT_EQ(modules_.calls[4].request, (Dict{{"command", "getConnections"}}));
+  EXPECT_EQ(modules_.calls[0].user, "operator");
+
+  // Unconfigured services are skipped; a reply key that is not an array,
+  // a reply without the key and a missing module add nothing.
+  modules_.calls.clear();
+  all.set("com.marlo.Overseer.FTP", configured(false));
+  modules_.replies["hubwarden_filer"] = Dict{{"usersArray", 7}};
+  modules_.replies["hubwarden_smb"] = Dict{{"connectionsArray", Array{"x"}}};
+  modules_.replies.erase("hubwarden_mediastream");
+  EXPECT_EQ(get_numConnectedUsers(&all, &context_), 3u);
+  EXPECT_EQ(modules_.modules_asked(),
+            (std::vector<std::string>{"hubwarden_filer", "hubwarden_mail", "hubwarden_smb", "hubwarden_mediastream"}));
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/hardware.h"
-#include "platform/host_info.h"
+#include "platform/fake/fake_hardware.h"
+#include "platform/fake/fake_host_info.h"
+#include "platform/fake/fake_sysconfig.h"
 #include "platform/meters.h"
 #include "platform/sysconfig.h"
 #include "request/globals.h"
@@ -18,29 +19,6 @@ using plist::Dict;
 using plist::Value;
 using testing::Installed;
 
-class StubHost : public platform::HostInfo {
- public:
-  std::optional<Dict> system, server;
-  std::optional<std::string> host = "server.example.org";
-  std::optional<std::string> kernel_type() override { return "Linux"; }
-  std::optional<std::string> kernel_release() override { return std::nullopt; }
-  std::optional<Dict> system_version() override { return system; }
-  std::optional<Dict> server_version() override { return server; }
-  std::optional<std::string> host_name() override { return host; }
-};
-
-class StubHardware : public platform::Hardware {
- public:
-  std::vector<plist::Dict> devices;
-  std::optional<uint64_t> sysctl_integer(const std::string&) override { return std::nullopt; }
-  std::optional<std::string> sysctl_string(const std::string&) override { return std::nullopt; }
-  std::vector<plist::Dict> registry_devices(const std::string& cls) override {
-    return cls == "IOPlatformExpertDevice" ? devices : std::vector<plist::Dict>{};
-  }
-  std::optional<plist::Value> registry_search(const std::string&, const std::string&) override { return std::nullopt; }
-  std::optional<platform::HostBasicInfo> host_basic_info() override { return std::nullopt; }
-};
-
 class StubNetwork : public platform::Network {
  public:
   std::vector<bool> complete_asked;
@@ -52,19 +30,15 @@ class StubNetwork : public platform::Network {
   std::vector<std::string> host_names_for_address(const std::optional<std::string>&, double) override { return names; }
 };
 
-class StubConfig : public platform::SystemConfiguration {
- public:
-  bool reachable = true;
-  bool open(const std::string&) override { return reachable; }
-  std::optional<std::string> computer_name() override { return "Front Desk"; }
-  std::optional<std::string> local_host_name() override { return "front-desk"; }
-};
-
 plist::Data bytes(const std::string& s) { return plist::Data(s.begin(), s.end()); }
 
 class CachedStateTest : public ::testing::Test {
  protected:
-  CachedStateTest() : h_(&host_), hw_(&hardware_), n_(&network_), c_(&config_) { reset_module_globals_for_testing(); }
+  CachedStateTest() : h_(&host_), hw_(&hardware_), n_(&network_), c_(&config_) {
+    reset_module_globals_for_testing();
+    host_.system.reset();
+    host_.release.reset();
+  }
   ~CachedStateTest() override { reset_module_globals_for_testing(); }
 
   Dict info() {
@@ -73,10 +47,10 @@ class CachedStateTest : public ::testing::Test {
     return *context.find_dict("info");
   }
 
-  StubHost host_;
-  StubHardware hardware_;
+  platform::FakeHostInfo host_;
+  platform::FakeHardware hardware_;
   StubNetwork network_;
-  StubConfig config_;
+  platform::FakeSystemConfiguration config_;
   Installed<platform::HostInfo> h_;
   Installed<platform::Hardware> hw_;
   Installed<platform::Network> n_;
@@ -90,11 +64,11 @@ TEST_F(CachedStateTest, InfoHasSeventeenKeysInOrderWithBlanksForTheMissing) {
   const Dict& info = *context.find_dict("info");
   std::vector<std::string> keys;
   for (const auto& [k, v] : info) keys.push_back(k);
-  EXPECT_EQ(keys, (std::vector<std::string>{"state", "computerInfo", "systemVersion", "version", "serverVersion",
-                                            "kernelVersion", "hwSerialNumber", "bootVolume", "computerName",
-                                            "localcastName", "defaultZone", "hostName", "interfaceInfosArray",
-                                            "bootTime", "hasMissingKerberizedServices", "logPaths",
-                                            "readWriteSettingsVersion"}));
+  EXPECT_EQ(keys,
+            (std::vector<std::string>{"state", "computerInfo", "systemVersion", "version", "serverVersion",
+                                      "kernelVersion", "hwSerialNumber", "bootVolume", "computerName", "localcastName",
+                                      "defaultZone", "hostName", "interfaceInfosArray", "bootTime",
+                                      "hasMissingKerberizedServices", "logPaths", "readWriteSettingsVersion"}));
   EXPECT_EQ(*info.find_string("state"), "UNKNOWN");
   EXPECT_EQ(*info.find_string("systemVersion"), "");
   EXPECT_EQ(*info.find_string("kernelVersion"), "Linux ");
@@ -102,17 +76,20 @@ TEST_F(CachedStateTest, InfoHasSeventeenKeysInOrderWithBlanksForTheMissing) {
   EXPECT_EQ(*info.find_string("defaultZone"), "");
   EXPECT_EQ(*info.find_string("bootTime"), "");  // no "bootTime" in the context
   EXPECT_EQ(*info.find_string("computerName"), "Front Desk");
-  EXPECT_EQ(*info.find_string("hostName"), "server.example.org");
+  EXPECT_EQ(*info.find_string("hostName"), "server.example.com");
   EXPECT_EQ(info.find_dict("logPaths")->size(), 4u);
   EXPECT_EQ(*info.find("readWriteSettingsVersion"), Value(1));
   // Outside the daemon the gathering is the complete one, and no refresh starts.
   EXPECT_EQ(network_.complete_asked, std::vector<bool>{true});
+  // A null context builds the state but has nowhere to keep it.
+  EXPECT_EQ(update_cached_state(nullptr), nullptr);
+  EXPECT_EQ(network_.complete_asked.size(), 2u);
 }
 
 TEST_F(CachedStateTest, VersionTextsAndFallbacks) {
   host_.system = Dict{{"ProductName", "Debian GNU/Linux"}, {"ProductVersion", "12"}, {"ProductBuildVersion", "b7"}};
   host_.server = Dict{{"ProductName", "Hubwarden"}, {"ProductVersion", "3.1 Server Edition"}};
-  host_.host.reset();
+  host_.name.reset();
   config_.reachable = false;
   Dict i = info();
   EXPECT_EQ(*i.find_string("systemVersion"), "Debian GNU/Linux 12 (Build b7)");
@@ -135,27 +112,23 @@ TEST_F(CachedStateTest, BootTimeIsWrittenAsADateText) {
   EXPECT_EQ(*context.find_dict("info")->find_string("bootTime"), "");
 }
 
-TEST_F(CachedStateTest, NullContextBuildsButStoresNothing) {
-  EXPECT_EQ(update_cached_state(nullptr), nullptr);
-  EXPECT_EQ(network_.complete_asked.size(), 1u);
-}
-
 TEST_F(CachedStateTest, SerialNumberLayoutsAndLastDeviceWins) {
   // Without '-': 8 bytes from offset 13, then 3 from offset 0.
   std::string plain = std::string("XYZ") + std::string(10, '\0') + "ABCDEFGH";
-  hardware_.devices = {Dict{{"serial-number", bytes(plain)}}};
+  hardware_.devices["IOPlatformExpertDevice"] = {Dict{{"serial-number", bytes(plain)}}};
   EXPECT_EQ(get_hardware_serial_number(), "ABCDEFGHXYZ");
 
   // With '-': 8 bytes from offset 12, then 11 from offset 0.
   std::string dashed = std::string("0123-567890") + std::string(1, '\0') + "abcdefgh";
-  hardware_.devices = {Dict{{"serial-number", bytes(dashed)}}};
+  hardware_.devices["IOPlatformExpertDevice"] = {Dict{{"serial-number", bytes(dashed)}}};
   EXPECT_EQ(get_hardware_serial_number(), "abcdefgh0123-567890");
 
   // A device with nothing at the offsets gives no answer; a later one wins.
-  hardware_.devices = {Dict{{"serial-number", bytes("")}}, Dict{{"serial-number", "not data"}}};
+  hardware_.devices["IOPlatformExpertDevice"] = {Dict{{"serial-number", bytes("")}},
+                                                 Dict{{"serial-number", "not data"}}};
   EXPECT_FALSE(get_hardware_serial_number());
-  hardware_.devices = {Dict{{"serial-number", bytes(plain)}},
-                       Dict{{"serial-number", bytes(std::string(13, '\0') + "LASTONE1")}}};
+  hardware_.devices["IOPlatformExpertDevice"] = {Dict{{"serial-number", bytes(plain)}},
+                                                 Dict{{"serial-number", bytes(std::string(13, '\0') + "LASTONE1")}}};
   EXPECT_EQ(get_hardware_serial_number(), "LASTONE1");
 }
 

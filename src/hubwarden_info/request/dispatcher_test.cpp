@@ -13,11 +13,7 @@ using testing::FixedRequester;
 using testing::Installed;
 using testing::MembershipDirectory;
 
-std::vector<std::string> keys_of(const Dict& d) {
-  std::vector<std::string> keys;
-  for (const auto& [k, v] : d) keys.push_back(k);
-  return keys;
-}
+using testing::keys_of;
 
 class ScriptedTail : public platform::TailService {
  public:
@@ -26,8 +22,8 @@ class ScriptedTail : public platform::TailService {
   std::string seen_identifier;
   Dict seen_paths;
 
-  ErrorName tail(const std::string& identifier, const Dict& log_paths, std::optional<std::string>* path,
-                 Value* offset, Value* amount, std::optional<std::string>* contents, Dict*, const Dict&) override {
+  ErrorName tail(const std::string& identifier, const Dict& log_paths, std::optional<std::string>* path, Value* offset,
+                 Value* amount, std::optional<std::string>* contents, Dict*, const Dict&) override {
     seen_identifier = identifier;
     seen_paths = log_paths;
     if (error) return error;
@@ -46,7 +42,9 @@ class DispatcherTest : public ::testing::Test {
   }
   ~DispatcherTest() override { reset_module_globals_for_testing(); }
 
-  std::optional<Dict> call(const Dict& request) { return hubwarden_info().doProcessInputWithRequest(request, &context_, -1); }
+  std::optional<Dict> call(const Dict& request) {
+    return hubwarden_info().doProcessInputWithRequest(request, &context_, -1);
+  }
 
   FixedRequester requester_;
   MembershipDirectory directory_;

@@ -1,10 +1,11 @@
+#include "request/idle_driver.h"
+
 #include <gtest/gtest.h>
 
 #include "access/services_table.h"
-#include "platform/clock.h"
+#include "platform/fake/fake_clock.h"
 #include "platform/file_util.h"
 #include "request/globals.h"
-#include "request/idle_driver.h"
 #include "request/module.h"
 #include "request/operations.h"
 #include "request/spine_test_support.h"
@@ -15,14 +16,6 @@ namespace {
 
 using testing::Installed;
 using testing::SandboxRoot;
-
-class StillClock : public platform::Clock {
- public:
-  std::optional<double> boot;
-  double now() override { return 1.8e9; }
-  std::optional<double> boot_time() override { return boot; }
-  int set_time(double) override { return 0; }
-};
 
 class IdleDriverTest : public ::testing::Test {
  protected:
@@ -35,26 +28,15 @@ class IdleDriverTest : public ::testing::Test {
   }
 
   SandboxRoot root_;
-  StillClock clock_;
+  platform::FakeClock clock_{1.8e9, std::nullopt};
   Installed<platform::Clock> installed_clock_;
-  Dict context_{{"cpuUsageStore", 1},        {"networkThroughputStore", 2}, {"restartRequired", true},
-                {"swupdateActive", true},     {"swupdateScanRequested", 1}, {"swupdatesArray", Array{}},
-                {"bootTime", 5.0},            {"keepMe", "x"}};
+  Dict context_{
+      {"cpuUsageStore", 1},         {"networkThroughputStore", 2}, {"restartRequired", true}, {"swupdateActive", true},
+      {"swupdateScanRequested", 1}, {"swupdatesArray", Array{}},   {"bootTime", 5.0},         {"keepMe", "x"}};
 };
 
-TEST_F(IdleDriverTest, WrongArgumentVectorsDoNothing) {
-  Dict before = context_;
-  const char* not_idle[] = {"hubwardend", "busy", "0"};
-  EXPECT_EQ(hubwarden_info().doProcessArgsWithArgc(3, not_idle, &context_, -1), 0);
-  const char* too_short[] = {"hubwardend"};
-  EXPECT_EQ(hubwarden_info().doProcessArgsWithArgc(1, too_short, &context_, -1), 0);
-  EXPECT_EQ(context_, before);
-  EXPECT_FALSE(services_ready());
-  EXPECT_FALSE(gRunningUnderHubwardend);
-}
-
 TEST_F(IdleDriverTest, FirstPassClearsTransientStateAndMakesTheModuleWideObjects) {
-  clock_.boot = 1.7e9;
+  clock_.set_boot_time(1.7e9);
   EXPECT_EQ(pass("0"), 0);
   for (const char* gone : {"cpuUsageStore", "networkThroughputStore", "restartRequired", "swupdateActive",
                            "swupdateScanRequested", "swupdatesArray"})
@@ -71,26 +53,33 @@ TEST_F(IdleDriverTest, FirstPassClearsTransientStateAndMakesTheModuleWideObjects
   EXPECT_TRUE(gRunningUnderHubwardend);
 
   // Without a boot time the stale one is removed rather than kept.
-  clock_.boot.reset();
+  clock_.set_boot_time(std::nullopt);
   context_.set("bootTime", 5.0);
   pass("0");
   EXPECT_FALSE(context_.contains("bootTime"));
 }
 
-TEST_F(IdleDriverTest, LaterPassesOnlyDoThePeriodicWork) {
+TEST_F(IdleDriverTest, OnlyAnIdleVectorRunsAndOnlyZeroSpelledZeroIsTheFirstPass) {
+  Dict before = context_;
+  const char* not_idle[] = {"hubwardend", "busy", "0"};
+  EXPECT_EQ(hubwarden_info().doProcessArgsWithArgc(3, not_idle, &context_, -1), 0);
+  const char* too_short[] = {"hubwardend"};
+  EXPECT_EQ(hubwarden_info().doProcessArgsWithArgc(1, too_short, &context_, -1), 0);
+  EXPECT_EQ(context_, before);
+  EXPECT_FALSE(services_ready());
+
+  // Later passes only do the periodic work: no clearing, no new boot time,
+  // no cached-state rebuild, no module-wide objects.
   EXPECT_EQ(pass("5"), 0);
-  // No clearing, no new boot time, no cached-state rebuild.
-  EXPECT_TRUE(context_.contains("cpuUsageStore"));
   EXPECT_TRUE(context_.contains("swupdatesArray"));
   EXPECT_EQ(*context_.find("bootTime"), Value(5.0));
   EXPECT_FALSE(context_.contains("info"));
   EXPECT_FALSE(services_ready());
   EXPECT_FALSE(auth_string());
   EXPECT_FALSE(gRunningUnderHubwardend);
-}
 
-TEST_F(IdleDriverTest, PassZeroWithOddTextIsNotTheFirstPass) {
-  // "00" and a word both read as pass zero, but only "0" is the first pass.
+  // "00" and a word both read as pass zero, which makes the module-wide
+  // objects, but only "0" is the first pass that clears and rebuilds.
   EXPECT_EQ(pass("00"), 0);
   EXPECT_TRUE(context_.contains("cpuUsageStore"));
   EXPECT_FALSE(context_.contains("info"));

@@ -84,6 +84,12 @@ class MembershipDirectory : public platform::Directory {
   std::vector<std::string> asked_;
 };
 
+inline std::vector<std::string> keys_of(const plist::Dict& d) {
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : d) keys.push_back(key);
+  return keys;
+}
+
 // Installs impl for the scope and restores what was there before.
 template <typename Service>
 class Installed {

@@ -8,11 +8,7 @@
 namespace hubwarden {
 namespace {
 
-std::vector<std::string> keys_of(const Dict& dict) {
-  std::vector<std::string> keys;
-  for (const auto& [key, value] : dict) keys.push_back(key);
-  return keys;
-}
+using testing::keys_of;
 
 class ReadSettingsTest : public ::testing::Test {
  protected:
@@ -71,7 +67,8 @@ TEST_F(ReadSettingsTest, ValuesComeFromTheirOwners) {
   world.service_manager.set_job("com.marlo.screenlink", false);
   world.service_manager.set_job("/System/Library/LaunchDaemons/com.marlo.FileSyncAgent.sshd.plist", true);
   world.service_manager.set_job("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", true);
-  ASSERT_TRUE(platform::write_file_atomically(world.path("/etc/ntp.conf"), "# clock\nserver time.example.com iburst\n"));
+  ASSERT_TRUE(
+      platform::write_file_atomically(world.path("/etc/ntp.conf"), "# clock\nserver time.example.com iburst\n"));
   ASSERT_TRUE(platform::make_directories(world.path("/etc")));
   ASSERT_EQ(::symlink("/usr/share/zoneinfo/Europe/Paris", world.path("/etc/localtime").c_str()), 0);
   Dict notifications{{"diskFull", Dict{{"active", true}}}};

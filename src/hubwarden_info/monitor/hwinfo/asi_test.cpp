@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include "monitor/hwinfo/computer_info.h"
+#include "platform/fake/fake_hardware.h"
 #include "platform/file_util.h"
-#include "platform/hardware.h"
 #include "request/spine_test_support.h"
 
 namespace hubwarden {
@@ -12,55 +10,35 @@ namespace {
 
 using testing::Installed;
 
-class TableHardware : public platform::Hardware {
- public:
-  std::map<std::string, uint64_t> integers;
-  std::map<std::string, std::string> strings;
-  std::optional<plist::Value> cpu_type;
-  std::optional<platform::HostBasicInfo> basic;
-
-  std::optional<uint64_t> sysctl_integer(const std::string& n) override {
-    auto it = integers.find(n);
-    return it == integers.end() ? std::nullopt : std::optional<uint64_t>(it->second);
-  }
-  std::optional<std::string> sysctl_string(const std::string& n) override {
-    auto it = strings.find(n);
-    return it == strings.end() ? std::nullopt : std::optional<std::string>(it->second);
-  }
-  std::vector<plist::Dict> registry_devices(const std::string&) override { return {}; }
-  std::optional<plist::Value> registry_search(const std::string& path, const std::string& property) override {
-    return path == "IODeviceTree:/cpus" && property == "cpu-type" ? cpu_type : std::nullopt;
-  }
-  std::optional<platform::HostBasicInfo> host_basic_info() override { return basic; }
-};
+const std::pair<std::string, std::string> kCpuType{"IODeviceTree:/cpus", "cpu-type"};
 
 class AsiTest : public ::testing::Test {
  protected:
   AsiTest() : installed_(&hw_) { reset_cpu_kind_caches_for_testing(); }
   ~AsiTest() override { reset_cpu_kind_caches_for_testing(); }
-  TableHardware hw_;
+  platform::FakeHardware hw_;
   Installed<platform::Hardware> installed_;
 };
 
 TEST_F(AsiTest, RegistryCpuTypeExactMatchFallbackAndBadLengths) {
   hw_.integers["machdep.cpu.core_count"] = 2;
-  hw_.cpu_type = plist::Value(plist::Data{1, 3});  // minor 1, major 3
+  hw_.registry[kCpuType] = plist::Value(plist::Data{1, 3});  // minor 1, major 3
   EXPECT_EQ(ASI_CopyCPUKind(false), "Intel Core 2 Duo");
 
-  hw_.cpu_type = plist::Value(plist::Data{3, 4});  // major 4, minor 3: no exact row
+  hw_.registry[kCpuType] = plist::Value(plist::Data{3, 4});  // major 4, minor 3: no exact row
   EXPECT_EQ(ASI_CopyCPUKind(false), "Dual-Core Intel Xeon");
 
   ::testing::internal::CaptureStdout();
-  hw_.cpu_type = plist::Value(plist::Data{1, 2, 9});  // three bytes: first two used
+  hw_.registry[kCpuType] = plist::Value(plist::Data{1, 2, 9});  // three bytes: first two used
   EXPECT_EQ(ASI_CopyCPUKind(false), "Intel Core Duo");
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "cpu-type data length incorrect size, expect 2, received 3\n");
 
   ::testing::internal::CaptureStdout();
-  hw_.cpu_type = plist::Value(plist::Data{1});
+  hw_.registry[kCpuType] = plist::Value(plist::Data{1});
   EXPECT_FALSE(ASI_CopyCPUKind(false));
   ::testing::internal::GetCapturedStdout();
 
-  hw_.cpu_type = plist::Value("not data");
+  hw_.registry[kCpuType] = plist::Value("not data");
   EXPECT_FALSE(ASI_CopyCPUKind(false));
 }
 
@@ -78,18 +56,18 @@ TEST_F(AsiTest, FamilyTableAndTheStickyXeonFlag) {
 }
 
 TEST_F(AsiTest, HostTypeTableWhenNoFamilyIsKnown) {
-  hw_.basic = platform::HostBasicInfo{18, 100, 2};
+  hw_.basic_info = platform::HostBasicInfo{18, 100, 2};
   EXPECT_EQ(ASI_CopyCPUKind(false), "PowerPC G5");
   EXPECT_EQ(ASI_CopyCPUKind(true), "PowerPC 970");
-  hw_.basic = platform::HostBasicInfo{18, 55, 1};
+  hw_.basic_info = platform::HostBasicInfo{18, 55, 1};
   EXPECT_FALSE(ASI_CopyCPUKind(false));
-  hw_.basic = platform::HostBasicInfo{7 | 0x01000000, 3, 4};  // a PC: no table knows it
+  hw_.basic_info = platform::HostBasicInfo{7 | 0x01000000, 3, 4};  // a PC: no table knows it
   EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "(unknown)");
   // ... so the processor's own description names it.
   hw_.strings["machdep.cpu.brand_string"] = "AMD EPYC 7443P 24-Core Processor";
   EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "AMD EPYC 7443P 24-Core Processor");
   // A name from the tables still wins.
-  hw_.basic = platform::HostBasicInfo{18, 10, 1};
+  hw_.basic_info = platform::HostBasicInfo{18, 10, 1};
   EXPECT_EQ(*get_computer_info().find_string("cpuKind"), "PowerPC G4");
 }
 
@@ -106,7 +84,7 @@ TEST_F(AsiTest, CountsSpeedsAndMemoryDegradeToDefaults) {
   hw_.integers["hw.cpufrequency_max"] = 6'000'000'000;  // clamped to 32 bits
   EXPECT_EQ(ASI_CPUSpeedInHz(), 4294967295u);
   hw_.integers["hw.cpufamily"] = 0xed76d8aa;  // PowerPC: processors from the host
-  hw_.basic = platform::HostBasicInfo{18, 9, 4};
+  hw_.basic_info = platform::HostBasicInfo{18, 9, 4};
   EXPECT_EQ(ASI_NumberOfCPUs(), 4);
   plist::Dict info = get_computer_info();
   EXPECT_EQ(*info.find("memorySize"), plist::Value(uint64_t{64} << 30));
