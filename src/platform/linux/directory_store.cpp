@@ -86,8 +86,15 @@ std::string fresh_uuid() {
 // writes and backups of damaged records do not end in ".plist".
 std::vector<std::string> record_names_in(const std::string& dir) {
   std::vector<std::string> names;
-  DIR* d = ::opendir(dir.c_str());
-  if (!d) return names;
+  // Opened inside the sandbox root: a records folder linked elsewhere must
+  // not list another machine's records.
+  int fd = open_confined(dir, O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return names;
+  DIR* d = ::fdopendir(fd);
+  if (!d) {
+    ::close(fd);
+    return names;
+  }
   while (struct dirent* e = ::readdir(d)) {
     std::string_view file = e->d_name;
     if (file.size() <= kRecordSuffix.size() || !file.ends_with(kRecordSuffix)) continue;
@@ -96,6 +103,13 @@ std::vector<std::string> record_names_in(const std::string& dir) {
   }
   ::closedir(d);
   return names;
+}
+
+// stat(2) of path with links resolved inside the sandbox root; false with
+// errno set on failure.
+bool stat_confined(const std::string& path, struct stat* st) {
+  UniqueFd fd(open_confined(path, O_PATH));
+  return fd.valid() && ::fstat(fd.get(), st) == 0;
 }
 
 enum class RecordState { Missing, Damaged, Ok };
@@ -235,7 +249,7 @@ class DirectoryStore : public Directory {
   LoadedRecord load(std::string_view kind, std::string_view name) {
     std::string path = record_path(kind, name);
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0) {
+    if (!stat_confined(path, &st)) {
       LoadedRecord result;
       if (errno != ENOENT && errno != ENOTDIR) result.state = RecordState::Damaged;
       std::lock_guard<std::mutex> lock(cache_mutex_);
