@@ -21,28 +21,14 @@ namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::RealRoot;
 using testing::ScratchRoot;
 
 // A file outside the sandbox that nothing done inside it may read or change.
-class OutsideFile {
- public:
-  OutsideFile() {
-    std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-    EXPECT_TRUE(write_file_atomically(dir_ + "/secret", "outside"));
-  }
-  ~OutsideFile() { fs::remove_all(dir_); }
-  const std::string& dir() const { return dir_; }
-  std::string secret() const { return dir_ + "/secret"; }
-
- private:
-  std::string dir_;
+struct OutsideFile : testing::ScratchDir {
+  OutsideFile() { write("/secret", "outside"); }
+  std::string secret() const { return path("/secret"); }
 };
-
-void link(const std::string& at, const std::string& target) {
-  fs::create_directories(fs::path(at).parent_path());
-  ASSERT_EQ(::symlink(target.c_str(), at.c_str()), 0) << at;
-}
 
 // What an open found: the file's identity, or the error.
 struct Outcome {
@@ -79,14 +65,14 @@ TEST(RootFsTest, LinksResolveInsideTheRootInBothLookups) {
   root.write("/etc/shadow", "sandbox shadow");
   // Relative links that climb out, absolute links, a directory linked to
   // a folder outside, links that stay inside, and a loop.
-  link(root.path("/var/log/secure.log"), "../../../../../../../../etc/shadow");
-  link(root.path("/var/log/escape"), "../../../../../../../.." + outside.secret());
-  link(root.path("/etc/absolute"), "/secret");
-  link(root.path("/Library/Preferences"), outside.dir());
-  link(root.path("/etc/inside"), "../var/log/secure.log");
-  link(root.path("/etc/up"), "..");
-  link(root.path("/loop/a"), "b");
-  link(root.path("/loop/b"), "a");
+  root.link("/var/log/secure.log", "../../../../../../../../etc/shadow");
+  root.link("/var/log/escape", "../../../../../../../.." + outside.secret());
+  root.link("/etc/absolute", "/secret");
+  root.link("/Library/Preferences", outside.dir());
+  root.link("/etc/inside", "../var/log/secure.log");
+  root.link("/etc/up", "..");
+  root.link("/loop/a", "b");
+  root.link("/loop/b", "a");
 
   UniqueFd root_fd(::open(root.path("/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   ASSERT_TRUE(root_fd.valid());
@@ -114,7 +100,7 @@ TEST(RootFsTest, LinksResolveInsideTheRootInBothLookups) {
   }
 
   // Creating through a link to a missing file creates it inside the root.
-  link(root.path("/etc/dangling"), "/var/new-file");
+  root.link("/etc/dangling", "/var/new-file");
   for (auto opener : {open_in_root, open_in_root_by_walk}) {
     fs::remove(root.path("/var/new-file"));
     UniqueFd fd(opener(root_fd.get(), "etc/dangling", O_WRONLY | O_CREAT, 0600));
@@ -130,10 +116,9 @@ TEST(RootFsTest, LinksResolveInsideTheRootInBothLookups) {
   EXPECT_TRUE(confined_to_root(root.path("//etc/hostname"), &found_root, &rest));
   EXPECT_EQ(rest, "etc/hostname");
   EXPECT_FALSE(confined_to_root(root.path("") + "x/etc/hostname", &found_root, &rest)) << "a sibling, not below";
-  Paths real("/");
-  install<Paths>(&real);
-  EXPECT_EQ(outcome_of(open_confined(root.path("/var/log/escape"), O_RDONLY)), identity(outside.secret()));
   install<Paths>(nullptr);
+  EXPECT_EQ(outcome_of(open_confined(root.path("/var/log/escape"), O_RDONLY)), identity(outside.secret()));
+  RealRoot real;
   EXPECT_EQ(outcome_of(open_confined(root.path("/var/log/escape"), O_RDONLY)), identity(outside.secret()));
 }
 
@@ -141,20 +126,20 @@ TEST(FileUtilTest, WritesNeverLeaveTheRoot) {
   ScratchRoot root;
   OutsideFile outside;
   // A linked folder outside the root: the settings file is not written there.
-  link(root.path("/Library/Preferences"), outside.dir());
+  root.link("/Library/Preferences", outside.dir());
   EXPECT_FALSE(write_file_atomically(root.path("/Library/Preferences/settings.plist"), "x"));
   EXPECT_FALSE(make_directories(root.path("/Library/Preferences/deeper")));
   EXPECT_EQ(std::distance(fs::directory_iterator(outside.dir()), fs::directory_iterator()), 1);
 
   // A file that is a link to one outside is replaced, never written through.
-  link(root.path("/etc/passwd"), outside.secret());
+  root.link("/etc/passwd", outside.secret());
   EXPECT_TRUE(write_file_atomically(root.path("/etc/passwd"), "sandbox"));
   EXPECT_FALSE(fs::is_symlink(root.path("/etc/passwd")));
   EXPECT_EQ(read_file(root.path("/etc/passwd")), "sandbox");
   EXPECT_EQ(read_file(outside.secret()), "outside");
 
   // Links within the root work as they would at "/".
-  link(root.path("/var/db"), "/srv/db");
+  root.link("/var/db", "/srv/db");
   ASSERT_TRUE(make_directories(root.path("/srv/db")));
   EXPECT_TRUE(write_file_atomically(root.path("/var/db/hubwarden/x.plist"), "kept"));
   EXPECT_EQ(read_file(root.path("/srv/db/hubwarden/x.plist")), "kept");
@@ -178,12 +163,12 @@ TEST(FileUtilTest, ReadsRefuseWhatIsNotASmallRegularFile) {
   EXPECT_EQ(why, ReadError::kNotRegular);
   // A settings file linked to an endless device; the link stays in the
   // root, so use the device by its real path without a root.
-  Paths real("/");
-  install<Paths>(&real);
-  link(root.path("/zero"), "/dev/zero");
-  EXPECT_FALSE(read_file(root.path("/zero"), kDefaultReadLimit, &why));
-  EXPECT_EQ(why, ReadError::kNotRegular);
-  install<Paths>(nullptr);
+  {
+    RealRoot real;
+    root.link("/zero", "/dev/zero");
+    EXPECT_FALSE(read_file(root.path("/zero"), kDefaultReadLimit, &why));
+    EXPECT_EQ(why, ReadError::kNotRegular);
+  }
   EXPECT_FALSE(read_file(root.path("/var/db"), kDefaultReadLimit, &why));
   EXPECT_EQ(why, ReadError::kNotRegular);
   EXPECT_FALSE(read_file(root.path("/absent"), kDefaultReadLimit, &why));

@@ -10,7 +10,7 @@
 #include <set>
 #include <thread>
 
-#include "platform/linux/unit_sandbox_test_support.h"
+#include "platform/linux/basics_test_support.h"
 #include "plist/codec.h"
 
 namespace platform {
@@ -39,7 +39,7 @@ class DirectoryStoreTest : public ::testing::Test {
   }
   std::string raw(const std::string& absolute) { return read_file(sandbox.path(absolute)).value_or("<missing>"); }
 
-  testing::UnitSandbox sandbox;
+  testing::ScratchRoot sandbox;
   std::unique_ptr<Directory> dir = make_directory_store();
 };
 

@@ -10,6 +10,7 @@
 #include "platform/file_util.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/linux/job_map.h"
+#include "platform/linux/metered_interfaces.h"
 #include "platform/registry.h"
 #include "plist/codec.h"
 
@@ -17,11 +18,6 @@ namespace platform {
 namespace {
 
 using testing::ScratchRoot;
-
-std::string shipped_config_path() {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind("/platform/linux/")) + "/hubwardend/config/hubwardend.conf.plist";
-}
 
 class HostPathsTest : public ::testing::Test {
  protected:
@@ -37,16 +33,27 @@ class HostPathsTest : public ::testing::Test {
   Log* previous_ = nullptr;
 };
 
-TEST_F(HostPathsTest, ShippedTableMatchesTheDefaultsAndLeavesNoForeignFolder) {
-  std::optional<std::string> text = read_file(shipped_config_path());
-  ASSERT_TRUE(text) << shipped_config_path();
+// One file configures services, paths and metering; what it ships must be
+// what the binary falls back on.
+TEST_F(HostPathsTest, ShippedFileMatchesTheDefaultsAndLeavesNoForeignFolder) {
+  std::optional<std::string> text = read_file(testing::shipped_host_config_path());
+  ASSERT_TRUE(text) << testing::shipped_host_config_path();
   plist::Parsed parsed = plist::parse_xml(*text);
-  ASSERT_TRUE(parsed.ok()) << parsed.error;
-  ASSERT_TRUE(parsed.value.as_dict());
+  ASSERT_TRUE(parsed.ok() && parsed.value.as_dict()) << parsed.error;
   PathMap from_file;
   apply_path_config(*parsed.value.as_dict(), "shipped", &from_file);
-  EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(from_file.entries(), default_path_map().entries());
+  HostServiceMap services;
+  std::string error;
+  ASSERT_TRUE(apply_host_config(*parsed.value.as_dict(), &services, &error)) << error;
+  EXPECT_EQ(services.jobs, default_host_service_map().jobs);
+  EXPECT_EQ(services.service_modules, default_host_service_map().service_modules);
+  // No extra metered interfaces, said in a form the loader accepts.
+  ASSERT_NE(text->find("<key>meteredInterfaces</key>"), std::string::npos);
+  ScratchRoot root;
+  root.write(kShippedHostConfigPath, *text);
+  EXPECT_TRUE(load_metered_interfaces().empty());
+  EXPECT_TRUE(log.lines().empty());
 
   // The module's own folders all land somewhere a Linux system has.
   PathMap map = default_path_map();

@@ -5,21 +5,12 @@
 
 #include <string>
 
-#include "platform/file_util.h"
-#include "platform/linux/unit_sandbox_test_support.h"
-#include "plist/codec.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
 
-using testing::UnitSandbox;
-
 using Units = std::vector<std::string>;
-
-std::string shipped_config_path() {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind("/platform/linux/")) + "/hubwardend/config/hubwardend.conf.plist";
-}
 
 TEST(JobMap, LooksJobsUpByLabelPathAndUnitName) {
   HostServiceMap map = default_host_service_map();
@@ -38,26 +29,10 @@ TEST(JobMap, LooksJobsUpByLabelPathAndUnitName) {
   EXPECT_EQ(map.units_for_module("hubwarden_web"), (Units{"nginx.service", "apache2.service"}));
   EXPECT_TRUE(map.units_for_module("hubwarden_nat").empty());
   EXPECT_TRUE(map.units_for_module("hubwarden_info").empty());
-  EXPECT_EQ(map.service_modules.size(), 26u);
-}
-
-TEST(JobMap, ShippedFileMatchesTheCompiledInDefaults) {
-  std::optional<std::string> text = read_file(shipped_config_path());
-  ASSERT_TRUE(text) << shipped_config_path();
-  plist::Parsed parsed = plist::parse_xml(*text);
-  ASSERT_TRUE(parsed.ok()) << parsed.error;
-  ASSERT_TRUE(parsed.value.as_dict());
-
-  HostServiceMap from_file;
-  std::string error;
-  ASSERT_TRUE(apply_host_config(*parsed.value.as_dict(), &from_file, &error)) << error;
-  HostServiceMap defaults = default_host_service_map();
-  EXPECT_EQ(from_file.jobs, defaults.jobs);
-  EXPECT_EQ(from_file.service_modules, defaults.service_modules);
 }
 
 TEST(JobMap, AdministratorFileOverridesAndBrokenFilesAreSkipped) {
-  UnitSandbox root;
+  testing::ScratchRoot root;
   // Without any file the compiled-in defaults apply.
   HostServiceMap plain = load_host_service_map();
   EXPECT_EQ(plain.jobs, default_host_service_map().jobs);
@@ -90,8 +65,7 @@ TEST(JobMap, AdministratorFileOverridesAndBrokenFilesAreSkipped) {
 
   // One bad entry spoils the whole file, never half of it.
   for (const char* broken :
-       {"<plist version=\"1.0\"><dict><key>jobs</key><dict>",
-        "<plist version=\"1.0\"><array/></plist>",
+       {"<plist version=\"1.0\"><dict><key>jobs</key><dict>", "<plist version=\"1.0\"><array/></plist>",
         "<plist version=\"1.0\"><dict><key>jobs</key><array/></dict></plist>",
         "<plist version=\"1.0\"><dict><key>jobs</key><dict>"
         "<key>com.openssh.sshd</key><array><string>dropbear</string></array>"

@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cmath>
 
 #include "platform/linux/basics.h"
 #include "platform/linux/basics_test_support.h"
@@ -54,7 +50,6 @@ TEST(LinuxHostInfoTest, SystemVersionFromOsRelease) {
   ASSERT_TRUE(record);
   EXPECT_EQ(*record, expected);
   EXPECT_EQ(record->at_index(0).first, "ProductName");
-  EXPECT_EQ(record->size(), 2u);
 
   root.write("/etc/os-release", "BUILD_ID=2024.05.01\nNAME='Arch Linux'\nVERSION='rolling release'\n");
   expected = {
@@ -123,21 +118,6 @@ TEST(LinuxSysconfigTest, NamesFromMachineInfoAndHostname) {
   ScratchRoot missing;
   std::filesystem::remove_all(missing.path("/"));
   EXPECT_FALSE(config->open("test"));
-}
-
-TEST(SystemClockTest, NowBootTimeAndRefusedTimes) {
-  auto clock = make_system_clock();
-  struct timespec ts;
-  ::clock_gettime(CLOCK_REALTIME, &ts);
-  EXPECT_NEAR(clock->now(), static_cast<double>(ts.tv_sec), 5.0);
-  std::optional<double> boot = clock->boot_time();
-  ASSERT_TRUE(boot);
-  EXPECT_GT(*boot, 0);
-  EXPECT_LT(*boot, clock->now());
-  // Times that cannot be a time_t are refused before reaching the kernel.
-  EXPECT_EQ(clock->set_time(std::nan("")), EINVAL);
-  EXPECT_EQ(clock->set_time(-1), EINVAL);
-  EXPECT_EQ(clock->set_time(1e300), EINVAL);
 }
 
 TEST(SyslogLogTest, WritesOddLinesWithoutTrouble) {

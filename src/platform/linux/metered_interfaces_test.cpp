@@ -136,19 +136,6 @@ TEST_F(MeteredInterfacesTest, NamesTheKernelCouldNotHaveMadeAreLoggedOnceAndSkip
   EXPECT_EQ(log_.lines().size(), 4u);
 }
 
-// The shipped configuration lists no extra interfaces, and says so in a
-// form the loader accepts.
-TEST_F(MeteredInterfacesTest, ShippedConfigurationListsNone) {
-  std::string here = __FILE__;
-  std::string shipped = here.substr(0, here.rfind("/platform/linux/")) + "/hubwardend/config/hubwardend.conf.plist";
-  std::optional<std::string> text = read_file(shipped);
-  ASSERT_TRUE(text);
-  ASSERT_NE(text->find("<key>meteredInterfaces</key>"), std::string::npos);
-  root_.write(kShippedHostConfigPath, *text);
-  EXPECT_TRUE(load_metered_interfaces().empty());
-  EXPECT_TRUE(log_.lines().empty());
-}
-
 TEST_F(MeteredInterfacesTest, ExtraInterfacesComeFromTheHostConfiguration) {
   EXPECT_TRUE(load_metered_interfaces().empty());
   auto config = [](const std::string& value) {

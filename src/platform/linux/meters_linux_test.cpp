@@ -1,61 +1,31 @@
 #include "platform/linux/meters_linux.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
-#include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
 
-namespace fs = std::filesystem;
-
 // A scratch proc/sys/dev tree; mount points are real directories inside it
 // so that statvfs works on them.
-class Tree {
- public:
-  Tree() {
-    std::string tmpl = (fs::temp_directory_path() / "meters-test-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-  }
-  ~Tree() {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
-  std::string path(const std::string& relative) const { return dir_ + "/" + relative; }
-  void write(const std::string& relative, const std::string& contents) {
-    ASSERT_TRUE(write_file_atomically(path(relative), contents));
-  }
-  void link(const std::string& relative, const std::string& target) {
-    fs::create_directories(fs::path(path(relative)).parent_path());
-    fs::create_symlink(target, path(relative));
-  }
-  std::string mkdir(const std::string& relative) {
-    fs::create_directories(path(relative));
-    return path(relative);
-  }
-
- private:
-  std::string dir_;
-};
+using Tree = testing::ScratchDir;
 
 TEST(ProcProcessorStatsTest, ReadsOnlineStateAndKeepsThirtyTwoBits) {
   Tree t;
-  t.write("proc/stat",
+  t.write("/proc/stat",
           "cpu  9 9 9 9 9 0 0 0 0 0\n"
           "cpu1 10 1 20 4294967306 0 0 0 0 0 0\n"
           "cpu0 1 2 3 4 0 0 0 0 0 0\n"
           "cpu2 7 7 7 7\n"
           "cpufreq 1 2 3 4\n"
           "intr 12345\n");
-  t.write("sys/devices/system/cpu/cpu2/online", "0\n");
-  t.write("sys/devices/system/cpu/cpu1/online", "1\n");
-  auto stats = make_proc_processor_stats(t.path("proc"), t.path("sys"));
+  t.write("/sys/devices/system/cpu/cpu2/online", "0\n");
+  t.write("/sys/devices/system/cpu/cpu1/online", "1\n");
+  auto stats = make_proc_processor_stats(t.path("/proc"), t.path("/sys"));
   std::vector<ProcessorTicks> ticks;
   ASSERT_EQ(stats->read(&ticks), 0);
   ASSERT_EQ(ticks.size(), 3u);
@@ -68,7 +38,7 @@ TEST(ProcProcessorStatsTest, ReadsOnlineStateAndKeepsThirtyTwoBits) {
   EXPECT_TRUE(ticks[1].running);
   EXPECT_FALSE(ticks[2].running);
 
-  auto missing = make_proc_processor_stats(t.path("nowhere"), t.path("sys"));
+  auto missing = make_proc_processor_stats(t.path("/nowhere"), t.path("/sys"));
   EXPECT_NE(missing->read(&ticks), 0);
   EXPECT_TRUE(ticks.empty());
 }
@@ -77,10 +47,10 @@ TEST(ProcProcessorStatsTest, IoWaitIsIdleAndInterruptsAndStealAreSystem) {
   Tree t;
   // user nice system idle iowait irq softirq steal guest guest_nice, then a
   // column no kernel writes yet.
-  t.write("proc/stat",
+  t.write("/proc/stat",
           "cpu0 100 7 10 20 500 1 2 3 50 5 999\n"
           "cpu1 100 0 0 0 100\n");
-  auto stats = make_proc_processor_stats(t.path("proc"), t.path("sys"));
+  auto stats = make_proc_processor_stats(t.path("/proc"), t.path("/sys"));
   std::vector<ProcessorTicks> ticks;
   ASSERT_EQ(stats->read(&ticks), 0);
   ASSERT_EQ(ticks.size(), 2u);
@@ -98,7 +68,7 @@ TEST(ProcProcessorStatsTest, IoWaitIsIdleAndInterruptsAndStealAreSystem) {
   for (const char* damaged :
        {"cpu0 1 2 3 4\ncpu1 1 2 3\ncpu2 1 2 3 4\n", "cpu0 1 2 3 4\ncpu1 1 x 3 4 5\n", "cpu0 1 2 3 -4\n", "cpu0\n"}) {
     SCOPED_TRACE(damaged);
-    t.write("proc/stat", damaged);
+    t.write("/proc/stat", damaged);
     EXPECT_NE(stats->read(&ticks), 0);
     EXPECT_TRUE(ticks.empty());
   }
@@ -106,17 +76,17 @@ TEST(ProcProcessorStatsTest, IoWaitIsIdleAndInterruptsAndStealAreSystem) {
 
 TEST(MountVolumesTest, ListsRootFirstWithLabelsLocksAndBuses) {
   Tree t;
-  std::string data = t.mkdir("mnt/data");
-  std::string stick = t.mkdir("mnt/stick");
-  std::string ro = t.mkdir("mnt/ro");
-  std::string hwro = t.mkdir("mnt/hwro");
-  std::string share = t.mkdir("mnt/share");
-  std::string spaced = t.mkdir("mnt/with space");
-  std::string bind = t.mkdir("mnt/bind");
-  t.write("mnt/resolv.conf", "");
-  std::string file = t.path("mnt/resolv.conf");
+  std::string data = t.mkdir("/mnt/data");
+  std::string stick = t.mkdir("/mnt/stick");
+  std::string ro = t.mkdir("/mnt/ro");
+  std::string hwro = t.mkdir("/mnt/hwro");
+  std::string share = t.mkdir("/mnt/share");
+  std::string spaced = t.mkdir("/mnt/with space");
+  std::string bind = t.mkdir("/mnt/bind");
+  t.write("/mnt/resolv.conf", "");
+  std::string file = t.path("/mnt/resolv.conf");
 
-  t.write("proc/self/mountinfo",
+  t.write("/proc/self/mountinfo",
           "1 0 0:1 / / rw - rootfs rootfs rw\n"
           "20 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
           "21 20 0:5 / /proc rw,nosuid - proc proc rw\n"
@@ -139,26 +109,26 @@ TEST(MountVolumesTest, ListsRootFirstWithLabelsLocksAndBuses) {
               share +
               " rw - nfs4 server:/export rw\n"
               "28 20 0:41 / " +
-              t.path("mnt/with\\040space") +
+              t.path("/mnt/with\\040space") +
               " rw - tmpfs tmpfs rw\n"
               "29 20 8:5 /etc/resolv.conf " +
               file +
               " rw - ext4 /dev/sda5 rw\n"
               "garbage line\n");
   for (std::string part : {"sda1", "sda2", "sda3", "sda4", "sda5"}) {
-    t.write("sys/devices/pci0/block/sda/" + part + "/partition", "1\n");
-    t.write("sys/devices/pci0/block/sda/" + part + "/ro", part == "sda4" ? "1\n" : "0\n");
-    t.link("sys/dev/block/8:" + part.substr(3), "../../devices/pci0/block/sda/" + part);
+    t.write("/sys/devices/pci0/block/sda/" + part + "/partition", "1\n");
+    t.write("/sys/devices/pci0/block/sda/" + part + "/ro", part == "sda4" ? "1\n" : "0\n");
+    t.link("/sys/dev/block/8:" + part.substr(3), "../../devices/pci0/block/sda/" + part);
   }
-  t.write("sys/devices/pci0/block/sda/removable", "0\n");
-  t.write("sys/devices/pci0/usb1/1-1/block/sdb/sdb1/partition", "1\n");
-  t.write("sys/devices/pci0/usb1/1-1/block/sdb/sdb1/ro", "0\n");
-  t.link("sys/dev/block/8:17", "../../devices/pci0/usb1/1-1/block/sdb/sdb1");
-  t.link("dev/disk/by-label/My\\x20Data", "../../sda2");
-  t.link("dev/disk/by-label/root", "../../sda1");
-  t.link("dev/disk/by-label/bad\\xff", "../../sdb1");
+  t.write("/sys/devices/pci0/block/sda/removable", "0\n");
+  t.write("/sys/devices/pci0/usb1/1-1/block/sdb/sdb1/partition", "1\n");
+  t.write("/sys/devices/pci0/usb1/1-1/block/sdb/sdb1/ro", "0\n");
+  t.link("/sys/dev/block/8:17", "../../devices/pci0/usb1/1-1/block/sdb/sdb1");
+  t.link("/dev/disk/by-label/My\\x20Data", "../../sda2");
+  t.link("/dev/disk/by-label/root", "../../sda1");
+  t.link("/dev/disk/by-label/bad\\xff", "../../sdb1");
 
-  auto volumes = make_mount_volumes(t.path("proc"), t.path("sys"), t.path("dev"));
+  auto volumes = make_mount_volumes(t.path("/proc"), t.path("/sys"), t.path("/dev"));
   struct Expected {
     std::optional<std::string> name;
     std::string mount_point;
@@ -208,7 +178,7 @@ TEST(MountVolumesTest, ListsRootFirstWithLabelsLocksAndBuses) {
   EXPECT_EQ(volumes->display_name("/nowhere"), std::nullopt);
 
   // An unreadable mount table lists nothing.
-  auto empty = make_mount_volumes(t.path("nowhere"), t.path("sys"), t.path("dev"));
+  auto empty = make_mount_volumes(t.path("/nowhere"), t.path("/sys"), t.path("/dev"));
   EXPECT_NE(empty->info(1, &past), 0);
 }
 

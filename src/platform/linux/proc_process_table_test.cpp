@@ -1,7 +1,6 @@
 #include "platform/linux/proc_process_table.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,47 +8,32 @@
 #include <fstream>
 #include <string>
 
-#include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-class ProcTree {
+class ProcTree : public testing::ScratchDir {
  public:
-  ProcTree() {
-    std::string tmpl = (fs::temp_directory_path() / "proc-table-test-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-  }
-  ~ProcTree() {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
-  const std::string& dir() const { return dir_; }
-  void write(const std::string& relative, const std::string& contents) {
-    ASSERT_TRUE(write_file_atomically(dir_ + "/" + relative, contents));
-  }
   // A process with a stat line built from its parts, a status with the
   // given real user, and descriptors fds.
   void add(int pid, const std::string& comm, char state, int fds = 0, const std::string& uid = "501",
            const std::string& vm = "VmData:\t     100 kB\nVmStk:\t      28 kB\n") {
-    std::string p = std::to_string(pid);
+    std::string p = std::to_string(pid), d = "/" + p;
     // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt
     // majflt cmajflt utime stime cutime cstime prio nice threads itreal
     // start vsize rss ...
-    write(p + "/stat", p + " (" + comm + ") " + state + " 1 " + p +
+    write(d + "/stat", p + " (" + comm + ") " + state + " 1 " + p +
                            " 1 0 -1 4194304 4294967300 0 7 0 250 130 0 0 20 0 3 0 9876 "
                            "10485760 -5 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0\n");
-    write(p + "/status", "Name:\tx\nState:\tS (sleeping)\nUid:\t" + uid + "\t0\t0\t0\nGid:\t20\t20\t20\t20\n" + vm);
+    write(d + "/status", "Name:\tx\nState:\tS (sleeping)\nUid:\t" + uid + "\t0\t0\t0\nGid:\t20\t20\t20\t20\n" + vm);
     // Data plus stack pages: 128 kB, as the default Vm lines say.
-    write(p + "/statm", "2560 100 50 10 0 " + std::to_string(128 * 1024 / ::sysconf(_SC_PAGESIZE)) + " 0\n");
-    fs::create_directories(dir_ + "/" + p + "/fd");
-    for (int i = 0; i < fds; ++i) write(p + "/fd/" + std::to_string(i), "");
+    write(d + "/statm", "2560 100 50 10 0 " + std::to_string(128 * 1024 / ::sysconf(_SC_PAGESIZE)) + " 0\n");
+    mkdir(d + "/fd");
+    for (int i = 0; i < fds; ++i) write(d + "/fd/" + std::to_string(i), "");
   }
-
- private:
-  std::string dir_;
 };
 
 const ProcessFacts* find(const std::vector<ProcessFacts>& list, uint32_t pid) {
@@ -57,17 +41,29 @@ const ProcessFacts* find(const std::vector<ProcessFacts>& list, uint32_t pid) {
   return it == list.end() ? nullptr : &*it;
 }
 
-TEST(ProcProcessTableTest, ParsesOddCommandNamesAndEveryFigure) {
+TEST(ProcProcessTableTest, ParsesOddCommandNamesStatesAndEveryFigure) {
   ProcTree t;
   t.add(10, "a) b", 'S', 3);
   t.add(11, "two  spaces ", 'R');
   t.add(12, std::string("bad\xff\xfe", 5), 'D');
   t.add(13, ")", 'Z', 0, "0", "");
-  t.write("self", "not a process");  // non-numeric entries are ignored
+  t.write("/self", "not a process");  // non-numeric entries are ignored
+  const std::pair<char, ProcessState> letters[] = {
+      {'R', ProcessState::Running}, {'S', ProcessState::Sleeping}, {'D', ProcessState::Stuck},
+      {'T', ProcessState::Stopped}, {'t', ProcessState::Stopped},  {'Z', ProcessState::Zombie},
+      {'I', ProcessState::Idle},    {'X', ProcessState::Halted},   {'x', ProcessState::Halted},
+      {'W', ProcessState::Unknown}, {'P', ProcessState::Unknown},
+  };
+  for (int i = 0; i < std::ssize(letters); ++i) t.add(100 + i, "p", letters[i].first);
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
   ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
-  ASSERT_EQ(list.size(), 4u);
+  ASSERT_EQ(list.size(), 4u + std::size(letters));
+  for (int i = 0; i < std::ssize(letters); ++i) {
+    const ProcessFacts* f = find(list, static_cast<uint32_t>(100 + i));
+    ASSERT_NE(f, nullptr) << letters[i].first;
+    EXPECT_EQ(f->state, letters[i].second) << letters[i].first;
+  }
 
   const ProcessFacts* a = find(list, 10);
   ASSERT_NE(a, nullptr);
@@ -98,45 +94,24 @@ TEST(ProcProcessTableTest, ParsesOddCommandNamesAndEveryFigure) {
   EXPECT_EQ(z->virtual_private_bytes, 0u);  // no Vm lines, as for kernel threads
 }
 
-TEST(ProcProcessTableTest, StateLetters) {
-  ProcTree t;
-  const std::pair<char, ProcessState> letters[] = {
-      {'R', ProcessState::Running}, {'S', ProcessState::Sleeping}, {'D', ProcessState::Stuck},
-      {'T', ProcessState::Stopped}, {'t', ProcessState::Stopped},  {'Z', ProcessState::Zombie},
-      {'I', ProcessState::Idle},    {'X', ProcessState::Halted},   {'x', ProcessState::Halted},
-      {'W', ProcessState::Unknown}, {'P', ProcessState::Unknown},
-  };
-  int pid = 100;
-  for (const auto& [letter, state] : letters) t.add(pid++, "p", letter);
-  auto table = make_proc_process_table(t.dir());
-  std::vector<ProcessFacts> list;
-  ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
-  pid = 100;
-  for (const auto& [letter, state] : letters) {
-    const ProcessFacts* f = find(list, static_cast<uint32_t>(pid++));
-    ASSERT_NE(f, nullptr) << letter;
-    EXPECT_EQ(f->state, state) << letter;
-  }
-}
-
 // A process whose files vanish or read wrong mid-listing drops out of the
 // listing; the others stay.
 TEST(ProcProcessTableTest, DropsProcessesThatCannotBeReadWhole) {
   ProcTree t;
   t.add(20, "whole", 'S');
   t.add(21, "no status", 'S');
-  fs::remove(t.dir() + "/21/status");
-  t.write("22/stat", "22 (gone) S 1 22\n");  // truncated line
-  t.write("22/status", "Uid:\t0\t0\t0\t0\n");
+  fs::remove(t.path("/21/status"));
+  t.write("/22/stat", "22 (gone) S 1 22\n");  // truncated line
+  t.write("/22/status", "Uid:\t0\t0\t0\t0\n");
   t.add(23, "wrong pid", 'S');
-  t.write("23/stat", "24 (wrong pid) S 1 23 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
+  t.write("/23/stat", "24 (wrong pid) S 1 23 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
   t.add(25, "no uid", 'S');
-  t.write("25/status", "Name:\tx\n");
+  t.write("/25/status", "Name:\tx\n");
   t.add(26, "no paren", 'S');
-  t.write("26/stat", "26 noparen S 1 26 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
-  fs::create_directories(t.dir() + "/27");  // empty: exited before reading
+  t.write("/26/stat", "26 noparen S 1 26 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 1 0 0\n");
+  t.mkdir("/27");  // empty: exited before reading
   t.add(28, "no fd dir", 'S');
-  fs::remove_all(t.dir() + "/28/fd");
+  fs::remove_all(t.path("/28/fd"));
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
   ASSERT_EQ(table->list(&list, kProcessAllParts), 0);
@@ -145,7 +120,7 @@ TEST(ProcProcessTableTest, DropsProcessesThatCannotBeReadWhole) {
   ASSERT_NE(find(list, 28), nullptr);
   EXPECT_EQ(find(list, 28)->ports, 0u);
 
-  EXPECT_NE(make_proc_process_table(t.dir() + "/missing")->list(&list, kProcessAllParts), 0);
+  EXPECT_NE(make_proc_process_table(t.path("/missing"))->list(&list, kProcessAllParts), 0);
   EXPECT_TRUE(list.empty());
 }
 
@@ -155,10 +130,10 @@ TEST(ProcProcessTableTest, ReadsOnlyTheAskedParts) {
   ProcTree t;
   t.add(40, "whole", 'S', 3);
   t.add(41, "stat only", 'R', 2);
-  fs::remove(t.dir() + "/41/status");
-  fs::remove(t.dir() + "/41/statm");
+  fs::remove(t.path("/41/status"));
+  fs::remove(t.path("/41/statm"));
   t.add(42, "no statm", 'S', 1);
-  fs::remove(t.dir() + "/42/statm");
+  fs::remove(t.path("/42/statm"));
   auto table = make_proc_process_table(t.dir());
   std::vector<ProcessFacts> list;
   auto pids = [&list] {
@@ -202,8 +177,8 @@ TEST(ProcProcessTableTest, ReadsOnlyTheAskedParts) {
 TEST(ProcProcessTableTest, LargeTablesLoseNothingAndMixNothing) {
   ProcTree t;
   auto put = [&t](const std::string& relative, const std::string& contents) {
-    fs::create_directories(fs::path(t.dir() + "/" + relative).parent_path());
-    std::ofstream(t.dir() + "/" + relative) << contents;
+    fs::create_directories(fs::path(t.path("/") + relative).parent_path());
+    std::ofstream(t.path("/") + relative) << contents;
   };
   const long page = ::sysconf(_SC_PAGESIZE);
   std::vector<uint32_t> expected;
@@ -246,14 +221,14 @@ TEST(ProcProcessTableTest, LargeTablesLoseNothingAndMixNothing) {
 TEST(ProcProcessTableTest, RegionsAndHostLoad) {
   ProcTree t;
   t.add(30, "mapped", 'S');
-  t.write("30/smaps_rollup",
+  t.write("/30/smaps_rollup",
           "00400000-7ffff000 ---p 00000000 00:00 0 [rollup]\n"
           "Rss:                1000 kB\nPss:                 600 kB\n"
           "Shared_Clean:        300 kB\nShared_Dirty:         20 kB\n"
           "Private_Clean:       100 kB\nPrivate_Dirty:       580 kB\n");
-  t.write("loadavg", "0.50 1.25 2.00 1/123 4567\n");
-  t.write("vmstat", "nr_free_pages 1\npgpgin 9\npswpin 4\npswpout 5\npgfault 77\npgmajfault 3\n");
-  t.write("diskstats",
+  t.write("/loadavg", "0.50 1.25 2.00 1/123 4567\n");
+  t.write("/vmstat", "nr_free_pages 1\npgpgin 9\npswpin 4\npswpout 5\npgfault 77\npgmajfault 3\n");
+  t.write("/diskstats",
           "   7       0 loop0 50 0 50 0 50 0 50 0 0 0 0\n"
           "   8       0 sda 10 0 100 0 20 0 200 0 0 0 0\n"
           "   8       1 sda1 9 0 90 0 19 0 190 0 0 0 0\n"
@@ -280,7 +255,7 @@ TEST(ProcProcessTableTest, RegionsAndHostLoad) {
   EXPECT_EQ(load.disk_bytes_read, 108u * 512);
   EXPECT_EQ(load.disk_bytes_written, 216u * 512);
 
-  fs::remove(t.dir() + "/vmstat");
+  fs::remove(t.path("/vmstat"));
   EXPECT_NE(table->host_load(&load), 0);
   EXPECT_DOUBLE_EQ(load.load_average[0], 0.5);  // the readable figures still come
 }

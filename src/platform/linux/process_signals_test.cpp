@@ -6,18 +6,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A child that waits to be signalled; killed and reaped at the end whatever
 // the test did.
@@ -59,32 +57,41 @@ class Child {
   bool reaped_ = false;
 };
 
-// A process outside this test's tree: a child's child whose parent has
-// exited, so that it now hangs from init (or a subreaper). Killed at the
-// end by the test itself, never through the service under test.
-class Orphan {
+// A process forked by a child of ours. Orphaned, its parent exits at once so
+// that it hangs from init (or a subreaper), outside this test's tree;
+// otherwise the parent waits for it. Killed at the end by the test itself,
+// never through the service under test.
+class Grandchild {
  public:
-  Orphan() {
+  explicit Grandchild(bool orphaned) {
     int fds[2];
     if (::pipe(fds) != 0) return;
-    pid_t middle = ::fork();
-    if (middle == 0) {
-      pid_t orphan = ::fork();
-      if (orphan == 0) {
+    middle_ = ::fork();
+    if (middle_ == 0) {
+      pid_t pid = ::fork();
+      if (pid == 0) {
         for (;;) ::pause();
       }
-      (void)!::write(fds[1], &orphan, sizeof(orphan));
+      (void)!::write(fds[1], &pid, sizeof(pid));
+      if (!orphaned) ::waitpid(pid, nullptr, 0);
       ::_exit(0);
     }
     ::close(fds[1]);
     if (::read(fds[0], &pid_, sizeof(pid_)) != sizeof(pid_)) pid_ = -1;
     ::close(fds[0]);
-    ::waitpid(middle, nullptr, 0);
+    if (orphaned) parent_ended();
   }
-  ~Orphan() {
-    if (pid_ > 0) ::kill(pid_, SIGKILL);
+  ~Grandchild() {
+    if (pid_ > 0 && alive()) ::kill(pid_, SIGKILL);
+    parent_ended();
   }
   pid_t pid() const { return pid_; }
+  // Waits for the middle process, which ends once its child has.
+  bool parent_ended() {
+    bool ended = middle_ > 0 && ::waitpid(middle_, nullptr, 0) == middle_;
+    middle_ = -1;
+    return ended;
+  }
   // Still there and not a zombie.
   bool alive() const {
     std::optional<std::string> stat = read_file("/proc/" + std::to_string(pid_) + "/stat");
@@ -94,6 +101,7 @@ class Orphan {
   }
 
  private:
+  pid_t middle_ = -1;
   pid_t pid_ = -1;
 };
 
@@ -116,7 +124,7 @@ TEST(ProcessSignalsTest, RealRootSignalsAnyOtherProcess) {
   EXPECT_EQ(signals->send(child.pid(), SIGTERM), 0);
   EXPECT_EQ(child.death_signal(), SIGTERM);
 
-  Orphan outside;
+  Grandchild outside(/*orphaned=*/true);
   ASSERT_GT(outside.pid(), 0);
   EXPECT_EQ(signals->send(outside.pid(), 0), 0);
   EXPECT_EQ(signals->send(outside.pid(), 12345), EINVAL);
@@ -127,27 +135,11 @@ TEST(ProcessSignalsTest, SandboxSignalsOnlyItsOwnTree) {
   Child child;
   ASSERT_GT(child.pid(), 0);
 
-  // A grandchild, through a child that stays.
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  pid_t middle = ::fork();
-  ASSERT_GE(middle, 0);
-  if (middle == 0) {
-    pid_t grandchild = ::fork();
-    if (grandchild == 0) {
-      for (;;) ::pause();
-    }
-    (void)!::write(fds[1], &grandchild, sizeof(grandchild));
-    ::waitpid(grandchild, nullptr, 0);
-    ::_exit(0);
-  }
-  ::close(fds[1]);
-  pid_t grandchild = -1;
-  ASSERT_EQ(::read(fds[0], &grandchild, sizeof(grandchild)), static_cast<ssize_t>(sizeof(grandchild)));
-  ::close(fds[0]);
-  EXPECT_EQ(signals->send(grandchild, SIGTERM), 0);
-  int status = 0;
-  EXPECT_EQ(::waitpid(middle, &status, 0), middle);  // the middle child ends when its child did
+  // A grandchild, through a child that stays until it ends.
+  Grandchild grandchild(/*orphaned=*/false);
+  ASSERT_GT(grandchild.pid(), 0);
+  EXPECT_EQ(signals->send(grandchild.pid(), SIGTERM), 0);
+  EXPECT_TRUE(grandchild.parent_ended());
 
   EXPECT_EQ(signals->send(child.pid(), SIGTERM), 0);
   EXPECT_EQ(child.death_signal(), SIGTERM);
@@ -155,7 +147,7 @@ TEST(ProcessSignalsTest, SandboxSignalsOnlyItsOwnTree) {
   // Once its parent is gone a process is no longer of the tree, unless
   // this test is the namespace's init and so takes the orphans in.
   if (::getpid() == 1) GTEST_SKIP() << "orphans are this process's own children here";
-  Orphan outside;
+  Grandchild outside(/*orphaned=*/true);
   ASSERT_GT(outside.pid(), 0);
   ASSERT_TRUE(outside.alive());
   EXPECT_EQ(signals->send(outside.pid(), 0), EPERM);
@@ -166,31 +158,27 @@ TEST(ProcessSignalsTest, SandboxSignalsOnlyItsOwnTree) {
 
 // When the parent links cannot be followed, the answer is no.
 TEST(ProcessSignalsTest, SandboxRefusesWhatItCannotTrace) {
-  std::string tmpl = (fs::temp_directory_path() / "signals-test-XXXXXX").string();
-  std::string dir = ::mkdtemp(tmpl.data());
+  testing::ScratchDir scratch;
   Child child;
   ASSERT_GT(child.pid(), 0);
   std::string mine = std::to_string(::getpid());
   std::string theirs = std::to_string(child.pid());
-  auto signals = make_sandbox_process_signals(dir);
+  auto signals = make_sandbox_process_signals(scratch.dir());
 
   EXPECT_EQ(signals->send(child.pid(), 0), EPERM);  // no stat file at all
   const std::string bad_lines[] = {"", "7 (x", "7 (x) S", "7 (x) S abc 1", "7 (x) S -" + mine};
   for (const std::string& line : bad_lines) {
-    ASSERT_TRUE(write_file_atomically(dir + "/" + theirs + "/stat", line));
+    scratch.write("/" + theirs + "/stat", line);
     EXPECT_EQ(signals->send(child.pid(), 0), EPERM) << line;
   }
   // The command name may hold ") S " itself; the last ')' ends it.
-  ASSERT_TRUE(write_file_atomically(dir + "/" + theirs + "/stat", theirs + " (a) S 1 (b) S " + mine + " 1 1\n"));
+  scratch.write("/" + theirs + "/stat", theirs + " (a) S 1 (b) S " + mine + " 1 1\n");
   EXPECT_EQ(signals->send(child.pid(), 0), 0);
   // A loop of parent links ends in a refusal rather than a hang.
-  ASSERT_TRUE(write_file_atomically(dir + "/" + theirs + "/stat", theirs + " (x) S 424242 1\n"));
-  ASSERT_TRUE(write_file_atomically(dir + "/424242/stat", "424242 (y) S " + theirs + " 1\n"));
+  scratch.write("/" + theirs + "/stat", theirs + " (x) S 424242 1\n");
+  scratch.write("/424242/stat", "424242 (y) S " + theirs + " 1\n");
   EXPECT_EQ(signals->send(child.pid(), 0), EPERM);
   EXPECT_TRUE(child.running());
-
-  std::error_code ec;
-  fs::remove_all(dir, ec);
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 #include "platform/file_util.h"
 #include "platform/linux/basics.h"
 #include "platform/linux/basics_test_support.h"
-#include "platform/paths.h"
-#include "platform/registry.h"
 
 namespace platform {
 namespace {
@@ -24,24 +22,13 @@ double elapsed_since(std::chrono::steady_clock::time_point start) {
   return Seconds(std::chrono::steady_clock::now() - start).count();
 }
 
-// The machine's own tools, while a scratch root holds the test's files.
-class MachineTools {
- public:
-  MachineTools() : previous_(slot<Paths>()) { install<Paths>(&real_); }
-  ~MachineTools() { install<Paths>(previous_); }
-
- private:
-  Paths real_{"/"};
-  Paths* previous_;
-};
-
 // No child of ours is left unreaped.
 bool no_children_left() {
   int status = 0;
   return ::waitpid(-1, &status, WNOHANG) < 0 && errno == ECHILD;
 }
 
-TEST(ProcessTasksTest, CapturesBothStreamsAndExitStatus) {
+TEST(ProcessTasksTest, CapturesBothStreamsAndHowTheToolEnded) {
   auto tasks = make_process_tasks();
   TaskResult r = tasks->run("/bin/sh", {"sh", "-c", "echo out; echo err >&2; exit 3"});
   EXPECT_TRUE(r.launched);
@@ -58,7 +45,22 @@ TEST(ProcessTasksTest, CapturesBothStreamsAndExitStatus) {
   r = tasks->run("/bin/echo", {});
   EXPECT_EQ(r.exit_status, 0);
   EXPECT_EQ(r.out, "\n");
+
+  // Missing programs and directories are not launched.
+  r = tasks->run("/nonexistent/tool", {"tool"}, "input", 1);
+  EXPECT_FALSE(r.launched);
+  EXPECT_FALSE(r.timed_out);
+  EXPECT_TRUE(r.out.empty());
+  EXPECT_FALSE(tasks->spawn_detached("/nonexistent/tool", {"tool"}));
+  EXPECT_FALSE(tasks->run("/tmp", {"tmp"}).launched);
   EXPECT_TRUE(no_children_left());
+
+  // A tool that leaves a child holding its output still returns when it exits.
+  auto start = std::chrono::steady_clock::now();
+  r = tasks->run("/bin/sh", {"sh", "-c", "echo started; sleep 3 & exit 0"});
+  EXPECT_EQ(r.exit_status, 0);
+  EXPECT_EQ(r.out, "started\n");
+  EXPECT_LT(elapsed_since(start), 2.5);
 }
 
 TEST(ProcessTasksTest, LargeInputAndOutputDoNotDeadlock) {
@@ -79,8 +81,7 @@ TEST(ProcessTasksTest, LargeInputAndOutputDoNotDeadlock) {
 }
 
 TEST(ProcessTasksTest, TimeoutKillsTheToolAndWhatItStarted) {
-  ScratchRoot root;
-  MachineTools tools;
+  testing::ScratchDir scratch;
   auto tasks = make_process_tasks();
   auto start = std::chrono::steady_clock::now();
   TaskResult r = tasks->run("/bin/sleep", {"sleep", "5"}, {}, 0.2);
@@ -92,7 +93,7 @@ TEST(ProcessTasksTest, TimeoutKillsTheToolAndWhatItStarted) {
 
   // A shell whose background child holds the output pipe: the timeout
   // must still end the call, and the child must die with the shell.
-  std::string marker = root.path("/survivor");
+  std::string marker = scratch.path("/survivor");
   start = std::chrono::steady_clock::now();
   r = tasks->run("/bin/sh", {"sh", "-c", "(sleep 1; touch " + marker + ") & sleep 5"}, {}, 0.2);
   EXPECT_TRUE(r.timed_out);
@@ -102,32 +103,10 @@ TEST(ProcessTasksTest, TimeoutKillsTheToolAndWhatItStarted) {
   EXPECT_TRUE(no_children_left());
 }
 
-TEST(ProcessTasksTest, ToolThatLeavesAChildHoldingItsOutputStillReturns) {
-  auto tasks = make_process_tasks();
-  auto start = std::chrono::steady_clock::now();
-  TaskResult r = tasks->run("/bin/sh", {"sh", "-c", "echo started; sleep 3 & exit 0"});
-  EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(r.out, "started\n");
-  EXPECT_LT(elapsed_since(start), 2.5);
-}
-
-TEST(ProcessTasksTest, MissingProgramIsNotLaunched) {
-  auto tasks = make_process_tasks();
-  TaskResult r = tasks->run("/nonexistent/tool", {"tool"}, "input", 1);
-  EXPECT_FALSE(r.launched);
-  EXPECT_FALSE(r.timed_out);
-  EXPECT_TRUE(r.out.empty());
-  EXPECT_FALSE(tasks->spawn_detached("/nonexistent/tool", {"tool"}));
-  // A directory exists but cannot be executed.
-  EXPECT_FALSE(tasks->run("/tmp", {"tmp"}).launched);
-  EXPECT_TRUE(no_children_left());
-}
-
 TEST(ProcessTasksTest, DetachedToolOutlivesTheCallInItsOwnSession) {
-  ScratchRoot root;
-  MachineTools tools;
+  testing::ScratchDir scratch;
   auto tasks = make_process_tasks();
-  std::string out = root.path("/detached");
+  std::string out = scratch.path("/detached");
   std::optional<int> pid = tasks->spawn_detached(
       "/bin/sh",
       {"sh", "-c", "sleep 0.3; echo $$ $(cut -d' ' -f6 /proc/$$/stat) > " + out + ".tmp && mv " + out + ".tmp " + out});

@@ -9,17 +9,17 @@
 
 #include <filesystem>
 
-#include "platform/linux/unit_sandbox_test_support.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
 
-using testing::UnitSandbox;
+using testing::ScratchRoot;
 
 constexpr char kWanted[] = "[Install]\nWantedBy=multi-user.target\n";
 
 TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
-  UnitSandbox root;
+  ScratchRoot root;
   SystemdServiceManager manager(default_host_service_map(), SystemdServiceManager::Mode::kUnitFiles);
 
   // Nothing installed: every job is off and cannot be switched.
@@ -60,7 +60,7 @@ TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
 }
 
 TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
-  UnitSandbox root;
+  ScratchRoot root;
   // Every question looks at the process table afresh.
   SystemdServiceManager manager(default_host_service_map(), SystemdServiceManager::Mode::kUnitFiles,
                                 std::chrono::milliseconds(0));
@@ -105,18 +105,15 @@ TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
   EXPECT_EQ(manager.active_state("postfix.service"), "active");
 }
 
-TEST(SystemdServiceManager, MakerPicksUnitFilesInASandboxRoot) {
-  UnitSandbox root;
+TEST(SystemdServiceManager, ASandboxUsesItsUnitFilesAndNeverTheMachines) {
+  ScratchRoot root;
   EXPECT_EQ(default_service_manager_mode(), SystemdServiceManager::Mode::kUnitFiles);
   std::unique_ptr<ServiceManager> manager = make_systemd_service_manager();
   root.write("/usr/lib/systemd/system/snmpd.service", kWanted);
   EXPECT_FALSE(manager->job_enabled("org.net-snmp.snmpd"));
   EXPECT_EQ(manager->set_job_enabled("org.net-snmp.snmpd", true), 0);
   EXPECT_TRUE(manager->job_enabled("org.net-snmp.snmpd"));
-}
 
-TEST(SystemdServiceManager, ASandboxNeverSwitchesTheMachinesUnits) {
-  UnitSandbox root;
   // Even a manager made to talk to systemd refuses to switch anything for
   // a sandbox root; it does not even need systemd to be running to refuse.
   SystemdServiceManager bus(default_host_service_map(), SystemdServiceManager::Mode::kBus);
@@ -127,16 +124,13 @@ TEST(SystemdServiceManager, ASandboxNeverSwitchesTheMachinesUnits) {
 // Read-only questions over the system bus; runs only where systemd runs.
 TEST(SystemdServiceManager, BusSmokeTest) {
   if (sd_booted() <= 0) GTEST_SKIP() << "systemd is not running";
-  Paths real_root("/");
-  Paths* previous = slot<Paths>();
-  install<Paths>(&real_root);
+  testing::RealRoot real;
   SystemdServiceManager manager(default_host_service_map(), SystemdServiceManager::Mode::kBus);
   EXPECT_TRUE(manager.unit_installed("systemd-journald.service"));
   EXPECT_EQ(manager.active_state("systemd-journald.service"), "active");
   EXPECT_FALSE(manager.unit_installed("hubwarden-no-such-unit.service"));
   EXPECT_FALSE(manager.job_enabled("com.example.unknown"));
   manager.job_enabled("com.openssh.sshd");  // must not crash whatever the answer
-  install<Paths>(previous);
 }
 
 }  // namespace

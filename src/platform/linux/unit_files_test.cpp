@@ -4,12 +4,12 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include "platform/linux/unit_sandbox_test_support.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace platform {
 namespace {
 
-using testing::UnitSandbox;
+using testing::ScratchRoot;
 
 constexpr char kSsh[] =
     "[Unit]\nDescription=OpenBSD Secure Shell server\n\n"
@@ -22,7 +22,7 @@ constexpr char kVnc[] =
     "[Install]\nWantedBy=graphical.target\nAlias=vnc@%i.service\n";
 
 TEST(UnitFiles, FindsUnitsAcrossDirectoriesWithMaskingTemplatesAndAliases) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/lib/systemd/system/ssh.service", kSsh);
   root.write("/usr/lib/systemd/system/cups.service", "[Install]\nWantedBy=printer.target\n");
   // An admin copy in /etc shadows the packaged one.
@@ -72,7 +72,7 @@ TEST(UnitFiles, FindsUnitsAcrossDirectoriesWithMaskingTemplatesAndAliases) {
 }
 
 TEST(UnitFiles, EnableThenDisableRoundTrip) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/lib/systemd/system/ssh.service", kSsh);
   root.write("/lib/systemd/system/snmpd.service",
              "[Install]\nWantedBy=multi-user.target\nRequiredBy=network-online.target\n");
@@ -99,7 +99,8 @@ TEST(UnitFiles, EnableThenDisableRoundTrip) {
   EXPECT_EQ(unit_file_state("sshd.service"), UnitFileState::kNotFound);
   // The other unit's links are left alone; no temporary links linger.
   EXPECT_EQ(unit_file_state("snmpd.service"), UnitFileState::kEnabled);
-  for (const auto& entry : std::filesystem::directory_iterator(root.path("/etc/systemd/system/multi-user.target.wants"))) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator(root.path("/etc/systemd/system/multi-user.target.wants"))) {
     EXPECT_EQ(entry.path().filename().string().rfind(".#", 0), std::string::npos) << entry.path();
   }
 
@@ -109,7 +110,7 @@ TEST(UnitFiles, EnableThenDisableRoundTrip) {
 }
 
 TEST(UnitFiles, TemplateInstancesAreEnabledOneByOne) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/lib/systemd/system/vncserver@.service", kVnc);
 
   ASSERT_EQ(enable_unit_file("vncserver@:1.service"), 0);
@@ -128,7 +129,7 @@ TEST(UnitFiles, TemplateInstancesAreEnabledOneByOne) {
 }
 
 TEST(UnitFiles, RefusesWhatCannotBeEnabledAndKeepsForeignFiles) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/lib/systemd/system/smbd.service", "[Install]\nWantedBy=multi-user.target\n");
   root.link("/etc/systemd/system/smbd.service", "/dev/null");
   root.write("/lib/systemd/system/static.service", "[Service]\nExecStart=/bin/true\n");
@@ -145,8 +146,7 @@ TEST(UnitFiles, RefusesWhatCannotBeEnabledAndKeepsForeignFiles) {
   EXPECT_EQ(disable_unit_file("absent.service"), ENOENT);
 
   EXPECT_EQ(enable_unit_file("ssh.service"), EEXIST);
-  EXPECT_EQ(read_file(root.path("/etc/systemd/system/sshd.service")),
-            "[Service]\nExecStart=/usr/local/sbin/sshd\n");
+  EXPECT_EQ(read_file(root.path("/etc/systemd/system/sshd.service")), "[Service]\nExecStart=/usr/local/sbin/sshd\n");
   EXPECT_EQ(unit_file_state("ssh.service"), UnitFileState::kEnabled);
   EXPECT_EQ(disable_unit_file("ssh.service"), 0);
   EXPECT_TRUE(root.exists("/etc/systemd/system/sshd.service"));
@@ -156,7 +156,7 @@ TEST(UnitFiles, RefusesWhatCannotBeEnabledAndKeepsForeignFiles) {
 }
 
 TEST(UnitFiles, HostileNamesAndBrokenLinksFindNothing) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/secret.service", "[Install]\nWantedBy=multi-user.target\n");
   root.link("/etc/systemd/system/loop.service", "/etc/systemd/system/loop2.service");
   root.link("/etc/systemd/system/loop2.service", "/etc/systemd/system/loop.service");
@@ -177,7 +177,7 @@ TEST(UnitFiles, HostileNamesAndBrokenLinksFindNothing) {
 }
 
 TEST(UnitFiles, ParsesContinuationsResetsAndPrefixes) {
-  UnitSandbox root;
+  ScratchRoot root;
   root.write("/lib/systemd/system/odd.service",
              "# comment\n"
              "[Service]\n"
