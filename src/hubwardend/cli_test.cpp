@@ -3,24 +3,17 @@
 #include "hubwardend/cli.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 
 namespace hubwardend {
 namespace {
 
 class CliTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwardend-cli-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   int run(std::vector<std::string> args, const std::string& input = "") {
     args.insert(args.begin(), "hubwardend");
     std::istringstream in(input);
@@ -29,7 +22,7 @@ class CliTest : public ::testing::Test {
     return run_cli(args, in, out_, err_);
   }
 
-  std::string dir_;
+  platform::testing::ScratchDir dir_;
   std::ostringstream out_, err_;
 };
 
@@ -55,35 +48,32 @@ TEST_F(CliTest, UsageErrorsExitTwoWithUsage) {
 }
 
 TEST_F(CliTest, UnusableInputRunsNothingAndTouchesNoFile) {
-  const std::string context = dir_ + "/context.plist";
-  const std::string root[] = {"--root", dir_, "--context", context};
-  auto with = [&](std::vector<std::string> tail) {
-    std::vector<std::string> args(std::begin(root), std::end(root));
-    args.insert(args.begin(), tail.front());
-    args.insert(args.end(), tail.begin() + 1, tail.end());
-    return args;
+  const std::string root = dir_.path(""), context = dir_.path("/context.plist");
+  ASSERT_TRUE(platform::write_file_atomically(root + "/script.plist", "{command = getState;}"));
+  ASSERT_TRUE(platform::make_directories(root + "/ctxdir"));
+  struct Case {
+    std::vector<std::string> args;
+    const char* input;
+    const char* reason;
   };
-
-  EXPECT_EQ(run(with({"request"}), "<plist><dict>"), kExitUnusable);
-  EXPECT_NE(err_.str().find("standard input"), std::string::npos);
-  EXPECT_EQ(run(with({"request"}), "<plist version=\"1.0\"><array/></plist>"), kExitUnusable);
-  EXPECT_NE(err_.str().find("not a dictionary"), std::string::npos);
-  EXPECT_EQ(run(with({"request", dir_ + "/absent.plist"})), kExitUnusable);
-  EXPECT_EQ(run(with({"request", dir_})), kExitUnusable) << "a directory is no request";
-
-  ASSERT_TRUE(platform::write_file_atomically(dir_ + "/script.plist", "{command = getState;}"));
-  EXPECT_EQ(run(with({"script", dir_ + "/script.plist"})), kExitUnusable);
-  EXPECT_NE(err_.str().find("not an array"), std::string::npos);
-
-  EXPECT_EQ(run({"request", "--root", dir_ + "/nowhere"}, "{command = getState;}"), kExitUnusable);
-  EXPECT_NE(err_.str().find("not a directory"), std::string::npos);
-
-  // A context path that names a directory is refused before anything runs.
-  ASSERT_TRUE(platform::make_directories(dir_ + "/ctxdir"));
-  EXPECT_EQ(run({"request", "--root", dir_, "--context", dir_ + "/ctxdir"}, "{command = getState;}"), kExitUnusable);
-
+  const Case cases[] = {
+      {{"request", "--root", root, "--context", context}, "<plist><dict>", "standard input"},
+      {{"request", "--root", root, "--context", context},
+       "<plist version=\"1.0\"><array/></plist>",
+       "not a dictionary"},
+      {{"request", "--root", root, "--context", context, root + "/absent.plist"}, "", ""},
+      {{"request", "--root", root, "--context", context, root}, "", ""},  // a directory is no request
+      {{"script", "--root", root, "--context", context, root + "/script.plist"}, "", "not an array"},
+      {{"request", "--root", root + "/nowhere"}, "{command = getState;}", "not a directory"},
+      // A context path that names a directory is refused before anything runs.
+      {{"request", "--root", root, "--context", root + "/ctxdir"}, "{command = getState;}", ""},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(run(c.args, c.input), kExitUnusable) << c.args.back();
+    EXPECT_NE(err_.str().find(c.reason), std::string::npos) << err_.str();
+    EXPECT_TRUE(out_.str().empty()) << c.args.back();
+  }
   EXPECT_FALSE(platform::file_exists(context));
-  EXPECT_TRUE(out_.str().empty());
 }
 
 }  // namespace

@@ -8,13 +8,12 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "monitor/monitor_test_support.h"
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 #include "plist/codec.h"
 #include "request/operations.h"
 
@@ -30,18 +29,6 @@ using plist::Value;
 
 constexpr double kDay = 86400;
 constexpr double kStart = 1.7e9;  // a multiple of ten seconds
-
-std::string temp_dir() {
-  std::string tmpl = (fs::temp_directory_path() / "history-test-XXXXXX").string();
-  return ::mkdtemp(tmpl.data());
-}
-
-std::string read_all(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 Array sample(uint64_t first, uint64_t rest = 7) {
   Array s(18, Value(rest));
@@ -82,13 +69,6 @@ std::vector<Taken> store_eight_days(platform::HistoryService& store, double* clo
 
 class HistoryStoreTest : public ::testing::Test {
  protected:
-  HistoryStoreTest() : dir_(temp_dir()), path_(dir_ + "/db/history.sqlite3") {}
-  ~HistoryStoreTest() override {
-    store_.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
-
   std::unique_ptr<platform::HistoryService> open(HistoryStoreOptions options = {}) {
     options.clock = [this] { return now_; };
     std::string error;
@@ -103,31 +83,26 @@ class HistoryStoreTest : public ::testing::Test {
     return samples.value_or(Array());
   }
 
-  // Runs SQL on the file directly, as another program would.
-  void run_sql(const std::string& sql) {
+  // Runs SQL on the file directly, as another program would; returns the
+  // first column of the first row, or -1 without one.
+  int64_t sql(const std::string& text) {
     sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
     char* message = nullptr;
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message), SQLITE_OK) << (message ? message : "");
+    int64_t first = -1;
+    auto row = [](void* result, int, char** values, char**) {
+      if (*static_cast<int64_t*>(result) == -1 && values[0]) *static_cast<int64_t*>(result) = std::atoll(values[0]);
+      return 0;
+    };
+    EXPECT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, text.c_str(), row, &first, &message), SQLITE_OK) << (message ? message : "");
     sqlite3_free(message);
     sqlite3_close(db);
-  }
-
-  int64_t sql_number(const std::string& sql) {
-    sqlite3* db = nullptr;
-    sqlite3_stmt* stmt = nullptr;
-    int64_t result = -1;
-    if (sqlite3_open(path_.c_str(), &db) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW)
-      result = sqlite3_column_int64(stmt, 0);
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return result;
+    return first;
   }
 
   std::vector<std::string> set_asides() {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(dir_ + "/db"))
+    for (const auto& entry : fs::directory_iterator(dir_.path("/db")))
       if (std::string name = entry.path().filename().string();
           name.rfind("history.sqlite3.corrupt-", 0) == 0 && !name.ends_with("-wal"))
         names.push_back(entry.path().string());
@@ -135,9 +110,10 @@ class HistoryStoreTest : public ::testing::Test {
     return names;
   }
 
-  std::string dir_, path_;
+  platform::testing::ScratchDir dir_;
+  const std::string path_ = dir_.path("/db/history.sqlite3");
   double now_ = kStart;
-  std::unique_ptr<platform::HistoryService> store_;
+  std::unique_ptr<platform::HistoryService> store_;  // closed before dir_ goes
 };
 
 int64_t t_of(const Value& point) { return *point.as_dict()->find("t")->to_int64(); }
@@ -296,14 +272,14 @@ TEST_F(HistoryStoreTest, PointsCoarsenWithAgeThenExpire) {
     int64_t step = kTiers[tier].step;
     EXPECT_EQ(t_of(points[0]), (int64_t(hour_start) + 10 + step - 1) / step * step) << age;
     EXPECT_EQ(value_of(points[0], "v1"), Value(uint64_t{450})) << age;
-    EXPECT_EQ(sql_number("SELECT COUNT(*) FROM points WHERE tier < " + std::to_string(tier) +
-                         " AND t <= " + std::to_string(int64_t(hour_start) + 600)),
+    EXPECT_EQ(sql("SELECT COUNT(*) FROM points WHERE tier < " + std::to_string(tier) +
+                  " AND t <= " + std::to_string(int64_t(hour_start) + 600)),
               0)
         << age;
   }
   // After a year nothing is left of them.
   for (const Value& point : at_age(400 * kDay)) EXPECT_GT(t_of(point), int64_t(hour_start + 30 * kDay));
-  EXPECT_EQ(sql_number("SELECT COUNT(*) FROM points WHERE t <= " + std::to_string(int64_t(hour_start) + 600)), 0);
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM points WHERE t <= " + std::to_string(int64_t(hour_start) + 600)), 0);
 }
 
 TEST_F(HistoryStoreTest, EveryTimeScaleReturnsBoundedPoints) {
@@ -327,40 +303,28 @@ TEST_F(HistoryStoreTest, EveryTimeScaleReturnsBoundedPoints) {
     previous = points.size();
   }
   EXPECT_GT(static_cast<int64_t>(previous), kMaxHistoryPoints - 20);  // the bound is nearly reached
-
-  // A host that samples every second still gets one point per ten seconds.
-  for (int i = 0; i < 600; ++i) {
-    now_ += 1;
-    store_->update(sample(5), nullptr);
-  }
-  EXPECT_EQ(query(Value(599)).size(), 60u);
 }
 
 TEST_F(HistoryStoreTest, TheOldLayoutIsUpgradedKeepingEverySample) {
-  fs::create_directories(dir_ + "/db");
-  std::string columns;
-  for (int n = 1; n <= 18; ++n) columns += ", v" + std::to_string(n) + " INTEGER";
-  std::string old = "BEGIN; CREATE TABLE samples (t INTEGER NOT NULL, span INTEGER NOT NULL DEFAULT 0" + columns +
-                    ");"
-                    "CREATE INDEX samples_by_time ON samples(t);"
-                    "CREATE INDEX samples_by_span ON samples(span, t);";
-  // The last ten minutes as raw samples, v2 missing from every other one.
-  int64_t now = int64_t(kStart);
-  for (int i = 0; i < 60; ++i)
-    old += "INSERT INTO samples(t, span, v1, v2) VALUES(" + std::to_string(now - 590 + 10 * i) + ", 0, " +
-           std::to_string(i * 10) + ", " + (i % 2 ? "NULL" : "3") + ");";
-  // Ten days ago an hour of one-minute averages; forty days ago a day of
+  fs::create_directories(dir_.path("/db"));
+  std::string old = "BEGIN; CREATE TABLE samples (t INTEGER NOT NULL, span INTEGER NOT NULL DEFAULT 0";
+  for (int n = 1; n <= 18; ++n) old += ", v" + std::to_string(n) + " INTEGER";
+  old += "); CREATE INDEX samples_by_time ON samples(t); CREATE INDEX samples_by_span ON samples(span, t);";
+  auto row = [&old](int64_t t, int span, int64_t v1, const char* v2) {
+    old += "INSERT INTO samples(t, span, v1, v2) VALUES(" + std::to_string(t) + ", " + std::to_string(span) + ", " +
+           std::to_string(v1) + ", " + v2 + ");";
+  };
+  // The last ten minutes as raw samples, v2 missing from every other one;
+  // ten days ago an hour of one-minute averages; forty days ago a day of
   // hourly ones.
+  int64_t now = int64_t(kStart);
+  for (int i = 0; i < 60; ++i) row(now - 590 + 10 * i, 0, i * 10, i % 2 ? "NULL" : "3");
   int64_t hour = now - 10 * 86400 - (now % 3600);
-  for (int j = 0; j < 60; ++j)
-    old += "INSERT INTO samples(t, span, v1) VALUES(" + std::to_string(hour + 60 * j) + ", 60, " + std::to_string(j) +
-           ");";
+  for (int j = 0; j < 60; ++j) row(hour + 60 * j, 60, j, "NULL");
   int64_t day = now - 40 * 86400 - (now % 86400);
-  for (int h = 0; h < 24; ++h)
-    old += "INSERT INTO samples(t, span, v1) VALUES(" + std::to_string(day + 3600 * h) + ", 3600, " +
-           std::to_string(1000 + h) + ");";
-  run_sql(old + "COMMIT;");
-  ASSERT_EQ(sql_number("PRAGMA user_version"), 0);
+  for (int h = 0; h < 24; ++h) row(day + 3600 * h, 3600, 1000 + h, "NULL");
+  sql(old + "COMMIT;");
+  ASSERT_EQ(sql("PRAGMA user_version"), 0);
 
   store_ = open();
   ASSERT_TRUE(store_);
@@ -376,8 +340,8 @@ TEST_F(HistoryStoreTest, TheOldLayoutIsUpgradedKeepingEverySample) {
     EXPECT_EQ(value_of(points[2 + i], "v2"), i % 2 ? Value("") : Value(uint64_t{3}));
   }
   store_.reset();
-  EXPECT_EQ(sql_number("PRAGMA user_version"), kHistorySchemaVersion);
-  EXPECT_EQ(sql_number("SELECT COUNT(*) FROM sqlite_master WHERE name = 'samples'"), 0);
+  EXPECT_EQ(sql("PRAGMA user_version"), kHistorySchemaVersion);
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM sqlite_master WHERE name = 'samples'"), 0);
   store_ = open();  // already current: nothing changes
   EXPECT_EQ(query(Value(100 * kDay), &variant), points);
   store_.reset();
@@ -385,21 +349,21 @@ TEST_F(HistoryStoreTest, TheOldLayoutIsUpgradedKeepingEverySample) {
   // A layout this host cannot read is left exactly as it was, at any
   // version: an upgrade that fails changes nothing, a newer file is not
   // touched at all.
-  fs::remove_all(dir_ + "/db");
-  fs::create_directories(dir_ + "/db");
-  run_sql("CREATE TABLE samples (t INTEGER, v1 INTEGER); INSERT INTO samples VALUES (1, 2);");
+  fs::remove_all(dir_.path("/db"));
+  fs::create_directories(dir_.path("/db"));
+  sql("CREATE TABLE samples (t INTEGER, v1 INTEGER); INSERT INTO samples VALUES (1, 2);");
   std::string error;
   EXPECT_FALSE(open_history_store(path_, {}, &error));
   EXPECT_NE(error.find("upgrade"), std::string::npos) << error;
-  EXPECT_EQ(sql_number("PRAGMA user_version"), 0);
-  EXPECT_EQ(sql_number("SELECT v1 FROM samples"), 2);
-  EXPECT_EQ(sql_number("SELECT COUNT(*) FROM sqlite_master WHERE name = 'points'"), 0);
+  EXPECT_EQ(sql("PRAGMA user_version"), 0);
+  EXPECT_EQ(sql("SELECT v1 FROM samples"), 2);
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM sqlite_master WHERE name = 'points'"), 0);
 
-  run_sql("PRAGMA journal_mode=DELETE; PRAGMA user_version = 7;");
-  std::string before = read_all(path_);
+  sql("PRAGMA journal_mode=DELETE; PRAGMA user_version = 7;");
+  std::optional<std::string> before = platform::read_file(path_);
   EXPECT_FALSE(open_history_store(path_, {}, &error));
   EXPECT_NE(error.find("newer"), std::string::npos) << error;
-  EXPECT_EQ(read_all(path_), before);
+  EXPECT_EQ(platform::read_file(path_), before);
   EXPECT_TRUE(set_asides().empty());
 }
 
@@ -437,8 +401,8 @@ TEST_F(HistoryStoreTest, CommittedSamplesSurviveACrashAndDamageIsSetAsideUnderNe
   ASSERT_EQ(aside.size(), 2u);
   EXPECT_EQ(aside[0], path_ + ".corrupt-20231114T221320Z");
   EXPECT_EQ(aside[1], path_ + ".corrupt-20231114T221320Z-2");
-  EXPECT_EQ(read_all(aside[0]), std::string(8192, 'x'));
-  EXPECT_EQ(read_all(aside[1]), std::string(8192, 'y'));
+  EXPECT_EQ(platform::read_file(aside[0]), std::string(8192, 'x'));
+  EXPECT_EQ(platform::read_file(aside[1]), std::string(8192, 'y'));
 
   // A path that cannot be created reports why.
   std::string error;
@@ -466,16 +430,10 @@ TEST_F(HistoryStoreTest, ConcurrentWritersAndReadersShareOneConnection) {
 // The status report's CPU averages read from the real store.
 class HistoryStatusTest : public hubwarden::testing::MonitorTest {
  protected:
-  HistoryStatusTest() : dir_(temp_dir()) {
+  HistoryStatusTest() {
     clock_.time = kStart + 0.4;
-    store_ = open_history_store(dir_ + "/history.sqlite3");
     context_.set("info", Dict{{"state", "RUNNING"}});
     cpu_.ticks = {ticks(1, 1, 1)};
-  }
-  ~HistoryStatusTest() override {
-    store_.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
 
   Array averages(const Array& minutes) {
@@ -486,8 +444,8 @@ class HistoryStatusTest : public hubwarden::testing::MonitorTest {
     return history ? *history : Array();
   }
 
-  std::string dir_;
-  std::unique_ptr<platform::HistoryService> store_;
+  platform::testing::ScratchDir dir_;
+  std::unique_ptr<platform::HistoryService> store_ = open_history_store(dir_.path("/history.sqlite3"));
   Dict context_;
 };
 

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 #include "platform/linux/job_map.h"
-#include "platform/linux/unit_sandbox_test_support.h"
 #include "plist/codec.h"
 
 namespace hubwardend {
@@ -13,14 +13,9 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-std::string shipped_config_path() {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind("/hubwardend/")) + "/hubwardend/config/hubwardend.conf.plist";
-}
-
 TEST(LogSources, ShippedFileMatchesTheCompiledInDefaults) {
-  std::optional<std::string> text = platform::read_file(shipped_config_path());
-  ASSERT_TRUE(text) << shipped_config_path();
+  std::optional<std::string> text = platform::read_file(platform::testing::shipped_host_config_path());
+  ASSERT_TRUE(text) << platform::testing::shipped_host_config_path();
   plist::Parsed parsed = plist::parse_xml(*text);
   ASSERT_TRUE(parsed.ok()) << parsed.error;
   ASSERT_TRUE(parsed.value.as_dict());
@@ -34,7 +29,7 @@ TEST(LogSources, ShippedFileMatchesTheCompiledInDefaults) {
 }
 
 TEST(LogSources, AdministratorEntriesReplaceWholeEntriesAndBrokenFilesAreSkipped) {
-  platform::testing::UnitSandbox root;
+  platform::testing::ScratchRoot root;
   EXPECT_EQ(load_log_sources(), default_log_sources());
 
   root.write(platform::kHostConfigPath,

@@ -55,7 +55,7 @@ TEST(ModuleManagerTest, ContextHandedBackUnderAnotherNameIsUnlocked) {
   manager.set_and_unlock_context(&context, "hubwardn_info", &fd);  // the module's spelling
   queue.wait_until_idle();
   EXPECT_TRUE(got) << "the lock was released although the name differs";
-  EXPECT_EQ(context.find("refreshed") != nullptr, true);
+  EXPECT_TRUE(context.find("refreshed"));
   EXPECT_TRUE(manager.context_marked_dirty());
 
   // And the lock is free again for anyone.
@@ -79,15 +79,17 @@ TEST(ModuleManagerTest, LockIsReentrantForItsHolderAndTimesOutForOthers) {
   manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
 
   bool other_timed_out = false;
-  plist::Dict* other = nullptr;
-  std::thread([&] { other = manager.get_and_lock_context(kInfoModuleName, &fd, &other_timed_out); }).join();
-  EXPECT_EQ(other, nullptr) << "still held once";
+  auto from_another_thread = [&] {
+    plist::Dict* got = nullptr;
+    std::thread([&] { got = manager.get_and_lock_context(kInfoModuleName, &fd, &other_timed_out); }).join();
+    return got;
+  };
+  EXPECT_EQ(from_another_thread(), nullptr) << "still held once";
   EXPECT_TRUE(other_timed_out);
   manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
-  std::thread([&] { other = manager.get_and_lock_context(kInfoModuleName, &fd, &other_timed_out); }).join();
-  EXPECT_EQ(other, &context);
+  EXPECT_EQ(from_another_thread(), &context);
   EXPECT_FALSE(other_timed_out);
-  manager.set_and_unlock_context(other, kInfoModuleName, &fd);
+  manager.set_and_unlock_context(&context, kInfoModuleName, &fd);
 
   // Unknown modules have no context to hand out.
   EXPECT_EQ(manager.get_and_lock_context("hubwarden_dns", &fd, &timed_out), nullptr);

@@ -34,28 +34,24 @@ TEST(NetworkTest, DefaultRouteComesFromTheZeroRoute) {
 TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
   LinuxNetwork network;
   for (bool complete : {false, true}) {
-    plist::Array snapshot = network.get_interfaces_info(complete);
     int primaries = 0;
-    for (const plist::Value& entry : snapshot) {
+    for (const plist::Value& entry : network.get_interfaces_info(complete)) {
       const plist::Dict* d = entry.as_dict();
       ASSERT_NE(d, nullptr);
-      ASSERT_EQ(d->size(), 5u);
-      const char* keys[] = {"name", "family", "ipAddress", "isPrimaryIPv4Interface", "dnsName"};
-      for (size_t i = 0; i < 5; ++i) EXPECT_EQ(d->at_index(i).first, keys[i]);
-      ASSERT_NE(d->find_string("name"), nullptr);
-      EXPECT_NE(*d->find_string("name"), "lo") << "loopback is left out";
-      const std::string* family = d->find_string("family");
-      ASSERT_NE(family, nullptr);
+      std::vector<std::string> keys;
+      for (const auto& [key, value] : *d) keys.push_back(key);
+      EXPECT_EQ(keys, (std::vector<std::string>{"name", "family", "ipAddress", "isPrimaryIPv4Interface", "dnsName"}));
+      const std::string *name = d->find_string("name"), *family = d->find_string("family");
+      const plist::Value* primary = d->find("isPrimaryIPv4Interface");
+      ASSERT_TRUE(name && family && d->find_string("ipAddress") && d->find_string("dnsName") && primary &&
+                  primary->as_bool());
+      EXPECT_NE(*name, "lo") << "loopback is left out";
       EXPECT_TRUE(*family == "AF_INET" || *family == "AF_INET6") << *family;
-      ASSERT_NE(d->find_string("ipAddress"), nullptr);
       EXPECT_FALSE(d->find_string("ipAddress")->empty());
-      const bool* primary = d->find("isPrimaryIPv4Interface")->as_bool();
-      ASSERT_NE(primary, nullptr);
-      if (*primary) {
+      if (*primary->as_bool()) {
         ++primaries;
         EXPECT_EQ(*family, "AF_INET");
       }
-      EXPECT_NE(d->find_string("dnsName"), nullptr);
     }
     EXPECT_LE(primaries, 1);
   }
@@ -123,8 +119,7 @@ TEST(NetworkTest, HostNamesOfThisHostAndOfAddresses) {
   EXPECT_EQ(names.front(), host);
   for (size_t i = 1; i < names.size(); ++i) EXPECT_NE(names[i], names.front()) << "no repeats";
 
-  EXPECT_TRUE(network.host_names_for_address(std::string("not an address"), 1.0).empty());
-  EXPECT_TRUE(network.host_names_for_address(std::string(""), 1.0).empty());
+  for (const char* bad : {"not an address", ""}) EXPECT_TRUE(network.host_names_for_address(bad, 1.0).empty());
   // A zero or nonsensical time-out answers at once, with whatever is known.
   network.host_names_for_address(std::string("127.0.0.1"), 0.0);
   network.host_names_for_address(std::string("::1"), -1.0);

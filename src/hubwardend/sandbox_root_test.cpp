@@ -2,15 +2,14 @@
 // (here, its clock) change only the sandbox, and the module's files stay
 // inside the root whatever links the sandbox holds.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <sstream>
 
 #include "hubwardend/cli.h"
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 #include "plist/codec.h"
 
 namespace hubwardend {
@@ -28,9 +27,6 @@ std::string record(std::initializer_list<std::pair<const char*, const char*>> at
 class SandboxRootTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hubwardend-sandbox-XXXXXX").string();
-    base_ = ::mkdtemp(tmpl.data());
-    root_ = base_ + "/root";
     const std::string directory = root_ + "/var/db/hubwarden/directory";
     ASSERT_TRUE(platform::write_file_atomically(directory + "/users/admin.plist",
                                                 record({{"RecordName", "admin"}, {"PrimaryGroupID", "20"}})));
@@ -38,8 +34,6 @@ class SandboxRootTest : public ::testing::Test {
         directory + "/groups/admin.plist",
         record({{"RecordName", "admin"}, {"PrimaryGroupID", "80"}, {"GroupMembership", "admin"}})));
   }
-  void TearDown() override { fs::remove_all(base_); }
-
   // The reply to request, run as the sandbox's administrator.
   plist::Dict request(const std::string& text) {
     std::istringstream in(text);
@@ -52,13 +46,11 @@ class SandboxRootTest : public ::testing::Test {
     return dict ? *dict : plist::Dict();
   }
 
-  // The text form has no numbers, so this request is XML.
-  static std::string set_clock(int64_t seconds) {
-    plist::Dict configuration{{"currentTime", plist::Value(seconds)}};
-    plist::Dict request{{"command", plist::Value("writeSettings")},
-                        {"configuration", plist::Value(std::move(configuration))}};
-    return plist::write_xml(plist::Value(std::move(request)));
+  // The text form has no numbers, so settings requests are XML.
+  static std::string write_settings(plist::Dict configuration) {
+    return plist::write_xml(plist::Value(plist::Dict{{"command", "writeSettings"}, {"configuration", configuration}}));
   }
+  static std::string set_clock(int64_t seconds) { return write_settings({{"currentTime", seconds}}); }
 
   // The clock as a settings reply reports it.
   static double current_time(const plist::Dict& reply) {
@@ -67,8 +59,8 @@ class SandboxRootTest : public ::testing::Test {
     return t ? t->to_double().value_or(-1) : -1;
   }
 
-  std::string base_;
-  std::string root_;
+  platform::testing::ScratchDir base_;
+  const std::string root_ = base_.path("/root");
 };
 
 TEST_F(SandboxRootTest, SettingTheClockMovesTheSandboxClockOnly) {
@@ -90,14 +82,12 @@ TEST_F(SandboxRootTest, SettingTheClockMovesTheSandboxClockOnly) {
 
 TEST_F(SandboxRootTest, TheSettingsFileStaysInsideTheRoot) {
   // The sandbox's preferences folder is a link to a folder outside it.
-  const std::string outside = base_ + "/outside";
+  const std::string outside = base_.path("/outside");
   fs::create_directories(outside);
   fs::create_directories(root_ + "/Library");
   fs::create_symlink(outside, root_ + "/Library/Preferences");
 
-  plist::Dict configuration{{"enableClientDiscovery", plist::Value(false)}};
-  const std::string write = plist::write_xml(plist::Value(
-      plist::Dict{{"command", plist::Value("writeSettings")}, {"configuration", plist::Value(configuration)}}));
+  const std::string write = write_settings({{"enableClientDiscovery", false}});
   request(write);
   EXPECT_TRUE(fs::is_empty(outside)) << "a file was written outside the root";
 

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/fake/fake_service_manager.h"
+#include "platform/linux/basics_test_support.h"
 #include "platform/linux/systemd_service_manager.h"
-#include "platform/linux/unit_sandbox_test_support.h"
 
 namespace hubwardend {
 namespace {
@@ -24,7 +24,7 @@ std::optional<std::string> state_of(ServiceModule& module) {
   return state ? std::optional<std::string>(*state) : std::nullopt;
 }
 
-TEST(ServiceModules, OnlyModulesWithAnInstalledUnitAreLoaded) {
+TEST(ServiceModules, OnlyModulesWithAnInstalledUnitAreLoadedAndFollowIt) {
   auto units = std::make_shared<platform::FakeServiceManager>();
   units->set_unit("apache2.service", "active");  // second candidate of the web module
   units->set_unit("postfix.service", "inactive");
@@ -33,41 +33,35 @@ TEST(ServiceModules, OnlyModulesWithAnInstalledUnitAreLoaded) {
 
   auto modules = load_service_modules(platform::default_host_service_map(), units);
   // Configuration order; calendar and address book share one unit.
-  EXPECT_EQ(names_of(modules),
-            (std::vector<std::string>{"hubwarden_addressbook", "hubwarden_calendar", "hubwarden_mail", "hubwarden_web"}));
+  EXPECT_EQ(names_of(modules), (std::vector<std::string>{"hubwarden_addressbook", "hubwarden_calendar",
+                                                         "hubwarden_mail", "hubwarden_web"}));
   auto* mail = dynamic_cast<UnitServiceModule*>(modules[2].get());
   ASSERT_NE(mail, nullptr);
   EXPECT_EQ(mail->unit(), "postfix.service");
   EXPECT_EQ(state_of(*modules[0]), "STARTING");
-  EXPECT_EQ(state_of(*modules[2]), "STOPPED");
   EXPECT_EQ(state_of(*modules[3]), "RUNNING");
-
-  // The state follows the unit from one request to the next.
-  units->set_unit("postfix.service", "reloading");
-  EXPECT_EQ(state_of(*modules[2]), "RUNNING");
+  // The state follows the unit from one request to the next, through every
+  // state a unit can be in.
+  for (auto [active, expected] : std::vector<std::pair<std::string, std::string>>{{"active", "RUNNING"},
+                                                                                  {"reloading", "RUNNING"},
+                                                                                  {"activating", "STARTING"},
+                                                                                  {"deactivating", "STOPPED"},
+                                                                                  {"inactive", "STOPPED"},
+                                                                                  {"failed", "STOPPED"},
+                                                                                  {"", "STOPPED"}}) {
+    units->set_unit("postfix.service", active);
+    EXPECT_EQ(state_of(*modules[2]), expected) << active;
+  }
+  // Only getState is answered, spelled exactly.
+  for (const plist::Dict& request : {plist::Dict{{"command", "getConnectedUsers"}}, plist::Dict{{"command", 5}},
+                                     plist::Dict{}, plist::Dict{{"command", "getstate"}}})
+    EXPECT_FALSE(mail->handle(request, "root"));
 
   EXPECT_TRUE(load_service_modules(platform::HostServiceMap{}, units).empty());
 }
 
-TEST(ServiceModules, StatesAndUnansweredCommands) {
-  for (auto [active, expected] : std::vector<std::pair<std::string, std::string>>{
-           {"active", "RUNNING"}, {"reloading", "RUNNING"}, {"activating", "STARTING"},
-           {"deactivating", "STOPPED"}, {"inactive", "STOPPED"}, {"failed", "STOPPED"}, {"", "STOPPED"}}) {
-    EXPECT_EQ(service_state_for(active), expected) << active;
-  }
-
-  auto units = std::make_shared<platform::FakeServiceManager>();
-  units->set_unit("cups.service", "active");
-  UnitServiceModule print("hubwarden_print", "cups.service", units);
-  EXPECT_FALSE(print.handle(plist::Dict{{"command", "getConnectedUsers"}}, "root"));
-  EXPECT_FALSE(print.handle(plist::Dict{{"command", 5}}, "root"));
-  EXPECT_FALSE(print.handle(plist::Dict{}, "root"));
-  EXPECT_FALSE(print.handle(plist::Dict{{"command", "getstate"}}, "root"));
-  EXPECT_EQ(state_of(print), "RUNNING");
-}
-
 TEST(ServiceModules, LoadedFromUnitFilesUnderTheRoot) {
-  platform::testing::UnitSandbox root;
+  platform::testing::ScratchRoot root;
   root.write("/lib/systemd/system/bind9.service", "[Service]\nExecStart=/usr/sbin/named -f\n");
   root.write("/usr/lib/systemd/system/smbd.service", "[Service]\nExecStart=/usr/sbin/smbd --foreground\n");
   root.link("/etc/systemd/system/cups.service", "/dev/null");  // masked but installed

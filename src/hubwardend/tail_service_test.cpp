@@ -10,10 +10,8 @@
 
 #include "hubwardend/log_file.h"
 #include "platform/file_util.h"
+#include "platform/linux/basics_test_support.h"
 #include "platform/linux/journal_test_support.h"
-#include "platform/linux/unit_sandbox_test_support.h"
-#include "platform/paths.h"
-#include "platform/registry.h"
 
 namespace hubwardend {
 namespace {
@@ -24,6 +22,19 @@ struct TailResult {
   plist::Value offset;
   plist::Value amount;
   std::optional<std::string> contents;
+};
+
+// Journal times are rendered in local time; the expectations are in UTC.
+struct UtcZone {
+  UtcZone() : saved(::getenv("TZ") ? std::optional<std::string>(::getenv("TZ")) : std::nullopt) {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+  }
+  ~UtcZone() {
+    saved ? ::setenv("TZ", saved->c_str(), 1) : ::unsetenv("TZ");
+    ::tzset();
+  }
+  std::optional<std::string> saved;
 };
 
 class TailServiceTest : public ::testing::Test {
@@ -38,16 +49,18 @@ class TailServiceTest : public ::testing::Test {
 
   void write_log(const std::string& contents) { root_.write("/var/log/system.log", contents); }
 
-  TailResult tail(const std::string& identifier, plist::Value offset, plist::Value amount) {
+  TailResult tail(const std::string& identifier, plist::Value offset, plist::Value amount,
+                  FileTailService* service = nullptr) {
     TailResult r;
     r.offset = std::move(offset);
     r.amount = std::move(amount);
     plist::Dict context;
-    r.error = service_.tail(identifier, table_, &r.path, &r.offset, &r.amount, &r.contents, &context, plist::Dict());
+    r.error = (service ? service : &service_)
+                  ->tail(identifier, table_, &r.path, &r.offset, &r.amount, &r.contents, &context, plist::Dict());
     return r;
   }
 
-  platform::testing::UnitSandbox root_;
+  platform::testing::ScratchRoot root_;
   plist::Dict table_;
   FileTailService service_;
 };
@@ -91,7 +104,6 @@ TEST_F(TailServiceTest, OffsetsAndAmountsAreClampedToTheFile) {
       {-4, 100, 6, 4, "6789"},  // from the end, like tail -c
       {-100, 3, 0, 3, "012"},   // further back than the start
       {100, 5, 10, 0, ""},      // beyond the end
-      {10, 5, 10, 0, ""},
       {3, -5, 3, 0, ""},        // a negative amount reads nothing
       {2.9, 3.7, 2, 3, "234"},  // reals are truncated
       {-2.5, 1.0, 8, 1, "8"},
@@ -99,7 +111,6 @@ TEST_F(TailServiceTest, OffsetsAndAmountsAreClampedToTheFile) {
       {least, 2, 0, 2, "01"},
       {most, most, 10, 0, ""},
       {0, 1e300, 0, 10, "0123456789"},
-      {0, -1e300, 0, 0, ""},
       {true, 2, 1, 2, "12"},
   };
   for (const Case& c : cases) {
@@ -155,33 +166,21 @@ TEST_F(TailServiceTest, LogsComeFromTheFirstFilePresentElseTheSandboxJournal) {
   EXPECT_EQ(tail("plainLog", 0, 100).contents, "plain");
 
   if (!platform::testing::have_journal_remote()) GTEST_SKIP() << "systemd-journal-remote is not installed";
-  const char* saved_tz = ::getenv("TZ");
-  std::string tz = saved_tz ? saved_tz : "";
-  ::setenv("TZ", "UTC", 1);
-  ::tzset();
+  UtcZone utc;
   ASSERT_TRUE(platform::make_directories(root_.path("/var/log/journal")));
   EXPECT_TRUE(same_error(tail("kernelLog", 0, 10).error, kLogFileNotFoundErr)) << "a journal without files";
-  const uint64_t t = 1700000000000000;  // Nov 14 22:13:20 UTC
-  ASSERT_TRUE(platform::testing::write_journal(
-      root_.path("/var/log/journal/system.journal"),
-      {{t,
-        {{"MESSAGE", "Accepted password"},
-         {"_HOSTNAME", "box"},
-         {"SYSLOG_IDENTIFIER", "sshd"},
-         {"SYSLOG_PID", "42"},
-         {"SYSLOG_FACILITY", "4"}}},
-       {t + 1000000,
-        {{"MESSAGE", "usb 1-1: new device"},
-         {"_HOSTNAME", "box"},
-         {"_TRANSPORT", "kernel"},
-         {"SYSLOG_IDENTIFIER", "kernel"}}},
-       {t + 2000000,
-        {{"MESSAGE", std::string("\xFF\0x", 3)},
-         {"_HOSTNAME", "box"},
-         {"SYSLOG_IDENTIFIER", "blob"},
-         {"SYSLOG_FACILITY", "10"}}},
-       {t + 3000000,
-        {{"MESSAGE", "caf\xC3"}, {"_HOSTNAME", "box"}, {"SYSLOG_IDENTIFIER", "su"}, {"SYSLOG_FACILITY", "10"}}}}));
+  // Entries of host "box", a second apart from Nov 14 22:13:20 UTC.
+  std::vector<platform::testing::ExportEntry> entries;
+  auto add = [&entries](const char* identifier, std::string message, std::pair<const char*, const char*> extra) {
+    entries.push_back({1700000000000000 + 1000000 * entries.size(),
+                       {{"MESSAGE", message}, {"_HOSTNAME", "box"}, {"SYSLOG_IDENTIFIER", identifier}, extra}});
+  };
+  add("sshd", "Accepted password", {"SYSLOG_FACILITY", "4"});
+  entries[0].fields.push_back({"SYSLOG_PID", "42"});
+  add("kernel", "usb 1-1: new device", {"_TRANSPORT", "kernel"});
+  add("blob", std::string("\xFF\0x", 3), {"SYSLOG_FACILITY", "10"});
+  add("su", "caf\xC3", {"SYSLOG_FACILITY", "10"});
+  ASSERT_TRUE(platform::testing::write_journal(root_.path("/var/log/journal/system.journal"), entries));
   ::unlink(root_.path("/var/log/auth.log").c_str());
 
   const std::string secure =
@@ -212,19 +211,7 @@ TEST_F(TailServiceTest, LogsComeFromTheFirstFilePresentElseTheSandboxJournal) {
   LogSources sources = default_log_sources();
   sources["kernelLog"].journal.reset();
   FileTailService no_journal(sources);
-  TailResult r;
-  plist::Dict context;
-  r.offset = 0;
-  r.amount = 10;
-  EXPECT_TRUE(same_error(
-      no_journal.tail("kernelLog", table_, &r.path, &r.offset, &r.amount, &r.contents, &context, plist::Dict()),
-      kLogFileNotFoundErr));
-
-  if (saved_tz)
-    ::setenv("TZ", tz.c_str(), 1);
-  else
-    ::unsetenv("TZ");
-  ::tzset();
+  EXPECT_TRUE(same_error(tail("kernelLog", 0, 10, &no_journal).error, kLogFileNotFoundErr));
 }
 
 TEST_F(TailServiceTest, LinksNeverLeadOutOfTheSandbox) {
@@ -239,13 +226,11 @@ TEST_F(TailServiceTest, LinksNeverLeadOutOfTheSandbox) {
     EXPECT_TRUE(same_error(r.error, kLogFileNotFoundErr)) << target;
     EXPECT_FALSE(r.contents && r.contents->find("SECRET") != std::string::npos) << target;
   }
-  // A linked directory is resolved inside the sandbox too.
-  ::unlink(root_.path("/var/log/secure.log").c_str());
+  // A link through another link, and a linked directory, are resolved
+  // inside the sandbox too.
   root_.link("/var/log/secure.log", "auth.log");
   root_.link("/var/log/auth.log", outside + "/etc/shadow");
   EXPECT_TRUE(same_error(tail("secureLog", 0, 1000).error, kLogFileNotFoundErr));
-  ::unlink(root_.path("/var/log/auth.log").c_str());
-  ::unlink(root_.path("/var/log/secure.log").c_str());
   std::filesystem::remove_all(root_.path("/var/log"));
   root_.link("/var/log", outside + "/etc");
   EXPECT_TRUE(same_error(tail("systemLog", 0, 1000).error, kLogFileNotFoundErr));
@@ -274,45 +259,30 @@ TEST_F(TailServiceTest, OnlyRegularFilesAreServedAndNothingBlocks) {
 }
 
 TEST(LogFile, AtTheRealRootOnlyRootOrTheLogGroupOwnsALog) {
-  platform::Paths real("/");
-  platform::Paths* previous = platform::slot<platform::Paths>();
-  platform::install<platform::Paths>(&real);
-  std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-logfile-XXXXXX").string();
-  const std::string dir = ::mkdtemp(tmpl.data());
-  const std::string file = dir + "/x.log";
-  ASSERT_TRUE(platform::write_file_atomically(file, "log line\n"));
-  ASSERT_EQ(::symlink(file.c_str(), (dir + "/link.log").c_str()), 0);
+  platform::testing::ScratchDir dir;
+  platform::testing::RealRoot real;
+  const std::string file = dir.path("/x.log");
+  dir.write("/x.log", "log line\n");
+  dir.link("/link.log", file);
   const gid_t adm = log_group_id();
-
-  LogFileOpen link = open_log_file(dir + "/link.log", adm);
-  EXPECT_EQ(link.outcome, LogFileOpen::kRefused) << "no link as the last component";
-  EXPECT_EQ(open_log_file(dir + "/missing.log", adm).outcome, LogFileOpen::kMissing);
-
+  EXPECT_EQ(open_log_file(dir.path("/link.log"), adm).outcome, LogFileOpen::kRefused) << "a link as the last part";
+  EXPECT_EQ(open_log_file(dir.path("/missing.log"), adm).outcome, LogFileOpen::kMissing);
   struct stat st {};
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
-    EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kRefused) << "a user's own file";
-    if (adm != static_cast<gid_t>(-1)) {
-      ASSERT_EQ(::chown(file.c_str(), 65534, adm), 0);
-      EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kOpened) << "group adm, as rsyslog writes";
-    }
-    ASSERT_EQ(::chown(file.c_str(), 0, 65534), 0);
-    LogFileOpen opened = open_log_file(file, adm);
-    EXPECT_EQ(opened.outcome, LogFileOpen::kOpened);
-    EXPECT_TRUE(opened.fd.valid());
-  } else {
-    ASSERT_EQ(::stat(file.c_str(), &st), 0);
-    EXPECT_EQ(open_log_file(file, adm).outcome,
-              is_trusted_log_owner(st, adm) ? LogFileOpen::kOpened : LogFileOpen::kRefused);
-  }
   st.st_uid = 1000;
-  st.st_gid = 1000;
-  EXPECT_FALSE(is_trusted_log_owner(st, static_cast<gid_t>(-1)));
   st.st_gid = static_cast<gid_t>(-1);
   EXPECT_FALSE(is_trusted_log_owner(st, static_cast<gid_t>(-1))) << "no log group matches nothing";
 
-  platform::install<platform::Paths>(previous);
-  std::filesystem::remove_all(dir);
+  if (::geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+  ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kRefused) << "a user's own file";
+  if (adm != static_cast<gid_t>(-1)) {
+    ASSERT_EQ(::chown(file.c_str(), 65534, adm), 0);
+    EXPECT_EQ(open_log_file(file, adm).outcome, LogFileOpen::kOpened) << "group adm, as rsyslog writes";
+  }
+  ASSERT_EQ(::chown(file.c_str(), 0, 65534), 0);
+  LogFileOpen opened = open_log_file(file, adm);
+  EXPECT_EQ(opened.outcome, LogFileOpen::kOpened);
+  EXPECT_TRUE(opened.fd.valid());
 }
 
 }  // namespace
