@@ -115,7 +115,7 @@ TEST_F(DispatcherTest, TailFileRepliesInOrderAndEndsAtTheFirstMissingValue) {
   EXPECT_EQ(*reply->find_string("error"), "LOG_FILE_NOT_FOUND_ERR");
 }
 
-TEST_F(DispatcherTest, DirectRepliesNeverCarryAnError) {
+TEST_F(DispatcherTest, DirectRepliesNeverCarryAnErrorAndAuthDataMustMatch) {
   context_.set("marker", 42);
   std::optional<Dict> reply = call({{"command", "getContext"}});
   ASSERT_TRUE(reply);
@@ -140,18 +140,15 @@ TEST_F(DispatcherTest, DirectRepliesNeverCarryAnError) {
   reply = call({{"command", "getTieredAdminSummary"}});
   ASSERT_TRUE(reply);
   EXPECT_EQ(keys_of(*reply), (std::vector<std::string>{"error"}));
-}
 
-TEST_F(DispatcherTest, MatchingAuthDataAsDataOrTextAnswersTheServices) {
+  // Matching auth data, as data or as text, answers the services.
   platform::FakeDirectory directory;
   directory.add_user("bob");
   Installed<platform::Directory> use(&directory);
-  create_auth_string();
   const std::string auth = *auth_string();
-
-  std::optional<Dict> reply = call({{"command", "getSACLsForUserWithAuthData"},
-                                    {"user", "bob"},
-                                    {"authData", plist::Data(auth.begin(), auth.end())}});
+  reply = call({{"command", "getSACLsForUserWithAuthData"},
+                {"user", "bob"},
+                {"authData", plist::Data(auth.begin(), auth.end())}});
   ASSERT_TRUE(reply);
   EXPECT_EQ(keys_of(*reply), (std::vector<std::string>{"command", "user", "sacls"}));
   // No access group exists, so every service is open to everybody.

@@ -1,5 +1,6 @@
-// "writeSettings": typed keys, the clock and time-server rules, the status
-// of the writes and the shape of the reply.
+// "readSettings": key order, sources and defaults. "writeSettings": typed
+// keys, the clock and time-server rules, the status of the writes and the
+// shape of the reply.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 
 namespace hubwarden {
 namespace {
+
+using testing::keys_of;
 
 constexpr const char* kNtpJob = "/System/Library/LaunchDaemons/org.ntp.ntpd.plist";
 constexpr uint64_t kNow = 1700000000;  // the fake clock's time, whole seconds
@@ -77,8 +80,8 @@ TEST_F(WriteSettingsTest, ClockIsSetOnlyWhenMoreThanFiveSecondsOff) {
   world.clock.fail_set_time(EPERM);
   EXPECT_EQ(write_status(write(Dict{{"currentTime", kNow + 60}})), 100023u);
   EXPECT_EQ(testing::lines_at(world.log, platform::Priority::Notice),
-            std::vector<std::string>{"hubwarden_info: [" + std::to_string(::getpid()) +
-                                     "] settimeofday failed with " + std::to_string(EPERM)});
+            std::vector<std::string>{"hubwarden_info: [" + std::to_string(::getpid()) + "] settimeofday failed with " +
+                                     std::to_string(EPERM)});
 }
 
 TEST_F(WriteSettingsTest, NetworkTimeOwnsTheClock) {
@@ -90,9 +93,8 @@ TEST_F(WriteSettingsTest, NetworkTimeOwnsTheClock) {
   // Switched on by the request.
   world.service_manager.set_job(kNtpJob, false);
   EXPECT_TRUE(clock_sets_for(Dict{{"ntpTimeSync", true}, {"currentTime", kNow + 3600}}).empty());
-  EXPECT_TRUE(
-      clock_sets_for(Dict{{"ntpTimeSync", 1}, {"ntpServerName", "a.example.com"}, {"currentTime", kNow + 3600}})
-          .empty());
+  EXPECT_TRUE(clock_sets_for(Dict{{"ntpTimeSync", 1}, {"ntpServerName", "a.example.com"}, {"currentTime", kNow + 3600}})
+                  .empty());
 }
 
 TEST_F(WriteSettingsTest, NewTimeServerIsStoredUnderItsOwnContextKey) {
@@ -126,17 +128,18 @@ TEST_F(WriteSettingsTest, StatusReportsTheFirstFailureAndLaterKeysStillApply) {
   world.service_manager.set_job("org.net-snmp.snmpd", false);
   world.service_manager.fail_job("org.net-snmp.snmpd", 5);
   world.clock.fail_set_time(EPERM);
-  world.directory.put_group("com.marlo.access_mail", Dict{{"dsAttrTypeStandard:RecordName", Array{"com.marlo.access_mail"}}});
-  write_settings_file(Dict{{"ServiceConfig", Dict{{"services", Dict{{"a", Dict{{"configured", true}}}}},
-                                                  {"consoleNote", "kept"}}}});
+  world.directory.put_group("com.marlo.access_mail",
+                            Dict{{"dsAttrTypeStandard:RecordName", Array{"com.marlo.access_mail"}}});
+  write_settings_file(
+      Dict{{"ServiceConfig", Dict{{"services", Dict{{"a", Dict{{"configured", true}}}}}, {"consoleNote", "kept"}}}});
 
-  Dict reply = write(Dict{
-      {"enableSNMP", true},
-      {"enableClientDiscovery", false},
-      {"currentTime", kNow + 60},
-      {"accessControlLists",
-       Array{Dict{{"_id_", "com.marlo.access_mail"}, {"dsAttrTypeStandard:GroupMembership", Array{"bob"}}}}},
-      {"serviceConfig", Dict{{"services", Dict{{"b", Dict{{"configured", true}}}}}}}});
+  Dict reply =
+      write(Dict{{"enableSNMP", true},
+                 {"enableClientDiscovery", false},
+                 {"currentTime", kNow + 60},
+                 {"accessControlLists",
+                  Array{Dict{{"_id_", "com.marlo.access_mail"}, {"dsAttrTypeStandard:GroupMembership", Array{"bob"}}}}},
+                 {"serviceConfig", Dict{{"services", Dict{{"b", Dict{{"configured", true}}}}}}}});
 
   EXPECT_EQ(write_status(reply), 1u);
   EXPECT_EQ(world.service_manager.set_calls(),
@@ -161,6 +164,108 @@ TEST_F(WriteSettingsTest, RunningServicesAreMarkedOnlyInsideTheDaemon) {
   write(Dict());
   Value stored = read_key_from_settings_file("ServiceConfig").value_or(Value());
   EXPECT_EQ(stored, Value(Dict{{"services", Dict{{"com.marlo.Overseer.DNS", Dict{{"configured", true}}}}}}));
+}
+
+class ReadSettingsTest : public ::testing::Test {
+ protected:
+  Dict read() {
+    ReplySlot reply;
+    EXPECT_EQ(read_settings(nullptr, reply, &context), nullptr);
+    EXPECT_TRUE(reply);
+    return reply ? *reply : Dict();
+  }
+
+  testing::SettingsWorld world;
+  Dict context;
+};
+
+TEST_F(ReadSettingsTest, EmptyServerGivesEveryKeyInOrderWithDefaults) {
+  Dict reply = read();
+  EXPECT_EQ(keys_of(reply), (std::vector<std::string>{"configuration", "readStatus"}));
+  EXPECT_EQ(*reply.find("readStatus")->as_unsigned(), 0u);
+  const Dict& settings = *reply.find_dict("configuration");
+  Dict expected{{"localcastName", ""},
+                {"computerName", ""},
+                {"enableSNMP", false},
+                {"enableSSH", false},
+                {"enableScreenlink", false},
+                {"enableFileSyncAgent", false},
+                {"enableClientDiscovery", true},
+                {"ntpTimeServe", false},
+                {"ntpTimeSync", false},
+                {"ntpServerName", ""},
+                {"previousNTPServerName", ""},
+                {"cityRecord", 0},
+                {"timeZone", ""},
+                {"notificationRules", Array()},
+                {"launchableScripts", Array()},
+                {"accessControlLists", Array()},
+                {"accessControlListNames", Array{"com.marlo.access_all_services"}},
+                {"notifications", Dict()},
+                {"adminControlLists", Array()},
+                {"adminControlListNames", Array{"com.marlo.admin_all_services"}},
+                {"monitorControlLists", Array()},
+                {"monitorControlListNames", Array{"com.marlo.monitor_all_services"}},
+                {"volumeList", Array()},
+                {"currentTime", uint64_t{1700000000}},
+                {"serviceConfig", Dict()},
+                {"availableServices", Array()}};
+  EXPECT_EQ(settings, expected);
+  EXPECT_EQ(keys_of(settings), keys_of(expected));
+  EXPECT_NE(settings.find("currentTime")->as_unsigned(), nullptr);
+}
+
+TEST_F(ReadSettingsTest, ValuesComeFromTheirOwners) {
+  context.set("info", Dict{{"computerName", "Hub"}, {"localcastName", "hub"}});
+  context.set("previousNTPServerName", "old.example.com");
+  world.service_manager.set_job("org.net-snmp.snmpd", true);
+  world.service_manager.set_job("com.openssh.sshd", true);
+  world.service_manager.set_job("com.marlo.screenlink", false);
+  world.service_manager.set_job("/System/Library/LaunchDaemons/com.marlo.FileSyncAgent.sshd.plist", true);
+  world.service_manager.set_job("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", true);
+  ASSERT_TRUE(
+      platform::write_file_atomically(world.path("/etc/ntp.conf"), "# clock\nserver time.example.com iburst\n"));
+  ASSERT_TRUE(platform::make_directories(world.path("/etc")));
+  ASSERT_EQ(::symlink("/usr/share/zoneinfo/Europe/Paris", world.path("/etc/localtime").c_str()), 0);
+  Dict notifications{{"diskFull", Dict{{"active", true}}}};
+  write_settings_file(Dict{{"askClientsToIgnoreVantorZeroconfReg", true},
+                           {"NotificationsSettings", notifications},
+                           {"ServiceConfig", Dict{{"services", Dict()}}}});
+  world.make_services_ready();
+  world.modules.set_module_names({"hubwarden_info", "hubwarden_web"});
+  world.directory.add_group("com.marlo.access_all_services", {"alice"});
+
+  const Dict settings = *read().find_dict("configuration");
+  EXPECT_EQ(*settings.find_string("computerName"), "Hub");
+  EXPECT_EQ(*settings.find_string("localcastName"), "hub");
+  EXPECT_EQ(*settings.find("enableSNMP"), Value(true));
+  EXPECT_EQ(*settings.find("enableSSH"), Value(true));
+  EXPECT_EQ(*settings.find("enableScreenlink"), Value(false));
+  EXPECT_EQ(*settings.find("enableFileSyncAgent"), Value(true));
+  EXPECT_EQ(*settings.find("enableClientDiscovery"), Value(false));
+  EXPECT_EQ(*settings.find("ntpTimeServe"), Value(true));
+  EXPECT_EQ(*settings.find("ntpTimeSync"), Value(true));
+  EXPECT_EQ(*settings.find_string("ntpServerName"), "time.example.com");
+  EXPECT_EQ(*settings.find_string("previousNTPServerName"), "old.example.com");
+  EXPECT_EQ(*settings.find_string("timeZone"), "Europe/Paris");
+  EXPECT_EQ(*settings.find_dict("notifications"), notifications);
+  EXPECT_EQ(*settings.find_dict("serviceConfig"), (Dict{{"services", Dict()}}));
+  EXPECT_EQ(*settings.find_array("availableServices"), (Array{"hubwarden_info", "hubwarden_web"}));
+  const Array& lists = *settings.find_array("accessControlLists");
+  ASSERT_EQ(lists.size(), 1u);
+  EXPECT_EQ(*lists[0].as_dict()->find_string("_id_"), "com.marlo.access_all_services");
+}
+
+TEST_F(ReadSettingsTest, ReadStatusIsTheFirstFailingListRead) {
+  world.directory.add_group("com.marlo.access_all_services", {"alice"});
+  world.directory.fail_get_group("com.marlo.monitor_all_services", platform::kDirectoryNodeUnavailable);
+  Dict reply = read();
+  EXPECT_EQ(*reply.find("readStatus")->as_unsigned(), static_cast<uint32_t>(platform::kDirectoryNodeUnavailable));
+  // The other lists are still read and reported.
+  EXPECT_EQ(reply.find_dict("configuration")->find_array("accessControlLists")->size(), 1u);
+
+  world.directory.fail_get_group("com.marlo.admin_all_services", platform::kDirectoryWriteFailed);
+  EXPECT_EQ(*read().find("readStatus")->as_unsigned(), static_cast<uint32_t>(platform::kDirectoryWriteFailed));
 }
 
 }  // namespace
