@@ -5,8 +5,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sqlite3.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <mutex>
@@ -24,6 +27,8 @@
 #include "platform/file_util.h"
 #include "platform/log.h"
 #include "platform/registry.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 
 namespace hubwardend {
 
@@ -461,12 +466,66 @@ Opened upgrade(sqlite3* db, int version, std::string* error) {
   return Opened::kReady;
 }
 
+// Where the database lives. Under a sandbox root the folder is opened
+// inside the root, and SQLite is handed that folder's real location with
+// links refused, so neither a linked folder nor a linked database file (nor
+// the -wal and -shm files beside it) can lead outside the root.
+struct DatabaseFile {
+  std::string path;        // as given, for messages
+  std::string leaf;        // the file's name within dir
+  platform::UniqueFd dir;  // the folder that holds it
+  std::string open_path;   // what SQLite opens
+  bool no_links = false;   // SQLite must refuse links on open_path
+};
+
+// Real location of an open descriptor, "" when /proc cannot tell.
+std::string real_location(int fd) {
+  char buf[PATH_MAX];
+  std::string link = "/proc/self/fd/" + std::to_string(fd);
+  ssize_t n = ::readlink(link.c_str(), buf, sizeof buf);
+  if (n <= 0 || static_cast<size_t>(n) >= sizeof buf || buf[0] != '/') return "";
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+// Opens (creating) the folder of path. False with *error set when it cannot
+// be made, or lies outside the sandbox root.
+bool locate_database(const std::string& path, DatabaseFile* file, std::string* error) {
+  file->path = path;
+  file->dir.reset(platform::open_parent_confined(path, /*create_parents=*/true, &file->leaf));
+  if (!file->dir.valid()) {
+    *error = "cannot open the folder of " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  std::string root, relative;
+  if (!platform::confined_to_root(path, &root, &relative)) {
+    file->open_path = path;
+    return true;
+  }
+  std::string folder = real_location(file->dir.get());
+  char real_root[PATH_MAX];
+  bool inside = !folder.empty() && ::realpath(root.c_str(), real_root) != nullptr;
+  if (inside) {
+    std::string_view r(real_root);
+    inside =
+        r == "/" || (folder.compare(0, r.size(), r) == 0 && (folder.size() == r.size() || folder[r.size()] == '/'));
+  }
+  if (!inside) {
+    *error = "the folder of " + path + " is not inside the sandbox root";
+    return false;
+  }
+  file->open_path = (folder == "/" ? folder : folder + "/") + file->leaf;
+  file->no_links = true;
+  return true;
+}
+
 // Opens the connection and brings the schema up to date. *db is set, to a
 // handle the caller closes whatever the outcome. A file from a newer host
 // is recognised before anything is written to it.
-Opened open_database(const std::string& path, sqlite3** db, std::string* error) {
+Opened open_database(const DatabaseFile& file, sqlite3** db, std::string* error) {
   int version = 0;
-  int rc = sqlite3_open_v2(path.c_str(), db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+  if (file.no_links) flags |= SQLITE_OPEN_NOFOLLOW;
+  int rc = sqlite3_open_v2(file.open_path.c_str(), db, flags, nullptr);
   if (rc == SQLITE_OK) {
     sqlite3_busy_timeout(*db, 5000);
     rc = read_version(*db, &version);
@@ -484,31 +543,34 @@ Opened open_database(const std::string& path, sqlite3** db, std::string* error) 
   return version == kHistorySchemaVersion ? Opened::kReady : upgrade(*db, version, error);
 }
 
-// Renames without ever replacing an existing file.
-bool move_without_replacing(const std::string& from, const std::string& to) {
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+// Renames an entry of dir without ever replacing an existing file.
+bool move_without_replacing(int dir, const std::string& from, const std::string& to) {
+  if (::renameat2(dir, from.c_str(), dir, to.c_str(), RENAME_NOREPLACE) == 0) return true;
   if (errno != EINVAL && errno != ENOSYS) return false;
   // A file system without the flag: a hard link fails on an existing name.
-  if (::link(from.c_str(), to.c_str()) != 0) return false;
-  ::unlink(from.c_str());
+  if (::linkat(dir, from.c_str(), dir, to.c_str(), 0) != 0) return false;
+  ::unlinkat(dir, from.c_str(), 0);
   return true;
 }
 
 // Moves a damaged database to a name no earlier set-aside has, with its
 // WAL. Returns the new name, or "" when the file could not be moved.
-std::string set_aside(const std::string& path, double now) {
+std::string set_aside(const DatabaseFile& file, double now) {
+  const std::string& path = file.path;
+  const std::string& leaf = file.leaf;
+  const int dir = file.dir.get();
   time_t seconds = static_cast<time_t>(whole_seconds(now));
   struct tm utc = {};
   char stamp[32] = "unknown-time";
   if (::gmtime_r(&seconds, &utc)) ::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
-  std::string base = path + ".corrupt-" + stamp;
+  std::string base = leaf + ".corrupt-" + stamp;
   for (int n = 1; n <= 1000; ++n) {
     std::string target = n == 1 ? base : base + "-" + std::to_string(n);
-    if (move_without_replacing(path, target)) {
+    if (move_without_replacing(dir, leaf, target)) {
       // A WAL left beside a new database would be replayed into it.
-      if (!move_without_replacing(path + "-wal", target + "-wal")) ::remove((path + "-wal").c_str());
-      ::remove((path + "-shm").c_str());
-      return target;
+      if (!move_without_replacing(dir, leaf + "-wal", target + "-wal")) ::unlinkat(dir, (leaf + "-wal").c_str(), 0);
+      ::unlinkat(dir, (leaf + "-shm").c_str(), 0);
+      return path.substr(0, path.size() - leaf.size()) + target;
     }
     if (errno != EEXIST) return "";
   }
@@ -519,23 +581,25 @@ std::string set_aside(const std::string& path, double now) {
 
 std::unique_ptr<platform::HistoryService> open_history_store(const std::string& path, HistoryStoreOptions options,
                                                              std::string* error) {
-  size_t slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0) platform::make_directories(path.substr(0, slash), 0755);
-
   std::string why;
+  DatabaseFile file;
+  if (!locate_database(path, &file, &why)) {
+    if (error) *error = why;
+    return nullptr;
+  }
   sqlite3* db = nullptr;
-  Opened opened = open_database(path, &db, &why);
+  Opened opened = open_database(file, &db, &why);
   if (opened == Opened::kDamaged) {
     // History is a convenience; a damaged file must not keep the host from
     // recording. It is kept aside for whoever wants to look at it.
     sqlite3_close(db);
     db = nullptr;
-    std::string aside = set_aside(path, now_from(options));
+    std::string aside = set_aside(file, now_from(options));
     if (aside.empty()) {
       why = "damaged database cannot be moved aside: " + why;
     } else {
       log_failure("damaged database moved to " + aside + " (" + why + ")");
-      opened = open_database(path, &db, &why);
+      opened = open_database(file, &db, &why);
     }
   }
   if (opened != Opened::kReady) {
