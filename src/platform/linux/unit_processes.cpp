@@ -2,13 +2,16 @@
 #include "platform/linux/unit_processes.h"
 
 #include <dirent.h>
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <string_view>
 
 #include "platform/file_util.h"
 #include "platform/paths.h"
+#include "platform/root_fs.h"
+#include "platform/unique_fd.h"
 
 namespace platform {
 
@@ -29,8 +32,10 @@ bool all_digits(std::string_view s) {
 bool process_alive(std::string_view pid) {
   std::optional<std::string> stat = read_file(resolve("/proc/" + std::string(pid) + "/stat"));
   if (!stat) {
-    struct stat st;
-    return ::stat(resolve("/proc/" + std::string(pid)).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    // Looked up inside the sandbox root: a linked proc folder there must
+    // not make the machine's own processes count.
+    UniqueFd dir(open_confined(resolve("/proc/" + std::string(pid)), O_PATH | O_DIRECTORY));
+    return dir.valid();
   }
   // The state letter follows the parenthesised command name, which may
   // itself hold parentheses.
@@ -57,8 +62,13 @@ bool pid_file_names_live_process(const std::string& pid_file) {
 ProcessSnapshot ProcessSnapshot::take() {
   ProcessSnapshot snapshot;
   std::string proc = resolve("/proc");
-  DIR* d = ::opendir(proc.c_str());
-  if (d == nullptr) return snapshot;
+  int fd = open_confined(proc, O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return snapshot;
+  DIR* d = ::fdopendir(fd);
+  if (d == nullptr) {
+    ::close(fd);
+    return snapshot;
+  }
   while (dirent* e = ::readdir(d)) {
     std::string_view pid = e->d_name;
     if (!all_digits(pid)) continue;
