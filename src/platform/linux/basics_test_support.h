@@ -1,7 +1,7 @@
 // Test support: scratch directories that vanish with their contents, one
 // of them installed as the platform root to hold proc/sys fixtures, unit
-// files, links and a fake process table, and the machine's own root for
-// tests that need the real thing. Header-only: used by *_test.cpp files
+// files, links and a fake process table; the machine's own root for tests
+// that need the real thing; a log that keeps what it is told. Header-only: used by *_test.cpp files
 // alone. Not thread-safe: construct and use from the test's thread.
 #pragma once
 
@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/fake/fake_log.h"
 #include "platform/file_util.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
@@ -97,6 +98,16 @@ class RealRoot {
  private:
   Paths real_{"/"};
   Paths* previous_;
+};
+
+// A fake log installed as the platform's log while it lives.
+class CapturedLog : public FakeLog {
+ public:
+  CapturedLog() : previous_(slot<Log>()) { install<Log>(this); }
+  ~CapturedLog() override { install<Log>(previous_); }
+
+ private:
+  Log* previous_;
 };
 
 // The host configuration file shipped in the source tree.

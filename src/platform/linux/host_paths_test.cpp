@@ -6,12 +6,10 @@
 
 #include <string>
 
-#include "platform/fake/fake_log.h"
 #include "platform/file_util.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/linux/job_map.h"
 #include "platform/linux/metered_interfaces.h"
-#include "platform/registry.h"
 #include "plist/codec.h"
 
 namespace platform {
@@ -19,23 +17,10 @@ namespace {
 
 using testing::ScratchRoot;
 
-class HostPathsTest : public ::testing::Test {
- protected:
-  HostPathsTest() {
-    previous_ = slot<Log>();
-    install<Log>(&log);
-  }
-  ~HostPathsTest() override { install<Log>(previous_); }
-
-  FakeLog log;
-
- private:
-  Log* previous_ = nullptr;
-};
-
 // One file configures services, paths and metering; what it ships must be
 // what the binary falls back on.
-TEST_F(HostPathsTest, ShippedFileMatchesTheDefaultsAndLeavesNoForeignFolder) {
+TEST(HostPathsTest, ShippedFileMatchesTheDefaultsAndLeavesNoForeignFolder) {
+  testing::CapturedLog log;
   std::optional<std::string> text = read_file(testing::shipped_host_config_path());
   ASSERT_TRUE(text) << testing::shipped_host_config_path();
   plist::Parsed parsed = plist::parse_xml(*text);
@@ -69,7 +54,8 @@ TEST_F(HostPathsTest, ShippedFileMatchesTheDefaultsAndLeavesNoForeignFolder) {
   EXPECT_NE(map.map("/var/db/hubwarden/x"), map.map("/var/db/x"));
 }
 
-TEST_F(HostPathsTest, SandboxMapsOnlyWhatItsOwnConfigurationSays) {
+TEST(HostPathsTest, SandboxMapsOnlyWhatItsOwnConfigurationSays) {
+  testing::CapturedLog log;
   ScratchRoot root;
   // No configuration inside: nothing mapped, so sandboxes keep the module's
   // own layout.
@@ -123,7 +109,8 @@ TEST_F(HostPathsTest, SandboxMapsOnlyWhatItsOwnConfigurationSays) {
   }
 }
 
-TEST_F(HostPathsTest, MachineRootStartsFromTheDefaults) {
+TEST(HostPathsTest, MachineRootStartsFromTheDefaults) {
+  testing::CapturedLog log;
   // Only meaningful where no host configuration is installed.
   if (file_exists(kShippedHostConfigPath) || file_exists(kHostConfigPath)) GTEST_SKIP();
   EXPECT_EQ(load_path_map("/").entries(), default_path_map().entries());

@@ -102,6 +102,8 @@ TEST_F(HardwareFixture, ReadsProcessorsMemoryAndModel) {
   root_.write("/sys/devices/system/cpu/online", "0-2,4\n");
   root_.write("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", "3300000\n");
   root_.write("/sys/class/dmi/id/product_name", "  PowerEdge R630 \n");
+  root_.write("/sys/class/dmi/id/product_serial", "CZJ1234ABC\n");
+  root_.write("/sys/class/dmi/id/sys_vendor", "HPE\n");
   auto hw = hardware();
   EXPECT_EQ(hw->sysctl_integer("hw.memsize"), 16314116ull * 1024);
   EXPECT_EQ(hw->sysctl_integer("hw.packages"), 2u);
@@ -111,12 +113,22 @@ TEST_F(HardwareFixture, ReadsProcessorsMemoryAndModel) {
   EXPECT_EQ(hw->sysctl_integer("machdep.cpu.cores_per_package"), 14u);
   EXPECT_EQ(hw->sysctl_integer("hw.ncpu"), 4u);
   EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz");
-  EXPECT_EQ(hw->sysctl_string("hw.model"), "PowerEdge R630");
+  EXPECT_EQ(hw->sysctl_string("hw.model"), "HPE PowerEdge R630");
   // Names with nothing behind them on Linux.
   EXPECT_FALSE(hw->sysctl_integer("hw.cpufamily"));
   EXPECT_FALSE(hw->sysctl_integer("hw.busfrequency"));
   EXPECT_FALSE(hw->sysctl_string("no.such.name"));
   EXPECT_FALSE(hw->registry_search("IODeviceTree:/cpus", "cpu-type"));
+
+  // The platform device carries the DMI serial.
+  std::vector<plist::Dict> devices = hw->registry_devices("IOPlatformExpertDevice");
+  ASSERT_EQ(devices.size(), 1u);
+  const plist::Value* serial = devices[0].find("serial-number");
+  ASSERT_TRUE(serial && serial->as_data());
+  EXPECT_EQ(decode_serial(*serial->as_data()), "CZJ1234ABC");
+  EXPECT_EQ(*devices[0].find_string("model"), "PowerEdge R630");
+  EXPECT_EQ(*devices[0].find_string("manufacturer"), "HPE");
+  EXPECT_TRUE(hw->registry_devices("IOPlatformDevice").empty());
 }
 
 TEST_F(HardwareFixture, FallsBackOrGivesUpWhenFilesAreMissingOrOdd) {
@@ -136,6 +148,8 @@ TEST_F(HardwareFixture, FallsBackOrGivesUpWhenFilesAreMissingOrOdd) {
   root_.write("/sys/devices/system/cpu/online", "garbage");
   root_.write("/sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq", "1800000");
   root_.write("/sys/firmware/devicetree/base/model", std::string("Raspberry Pi 4 Model B\0", 23));
+  root_.write("/sys/class/dmi/id/product_serial", "   \n");
+  EXPECT_TRUE(hw->registry_devices("IOPlatformExpertDevice").empty());
   EXPECT_EQ(hw->sysctl_integer("hw.packages"), 1u);
   EXPECT_EQ(hw->sysctl_integer("hw.cpufrequency"), 1800000000u);
   EXPECT_EQ(hw->sysctl_integer("hw.ncpu"), 2u);
@@ -143,24 +157,6 @@ TEST_F(HardwareFixture, FallsBackOrGivesUpWhenFilesAreMissingOrOdd) {
   EXPECT_FALSE(hw->sysctl_integer("machdep.cpu.core_count"));
   EXPECT_FALSE(hw->sysctl_string("machdep.cpu.brand_string"));
   EXPECT_EQ(hw->sysctl_string("hw.model"), "Raspberry Pi 4 Model B");
-}
-
-TEST_F(HardwareFixture, PlatformDeviceCarriesTheDmiSerial) {
-  root_.write("/sys/class/dmi/id/product_serial", "   \n");
-  auto hw = hardware();
-  EXPECT_TRUE(hw->registry_devices("IOPlatformExpertDevice").empty());
-
-  root_.write("/sys/class/dmi/id/product_serial", "CZJ1234ABC\n");
-  root_.write("/sys/class/dmi/id/product_name", "ProLiant DL360\n");
-  root_.write("/sys/class/dmi/id/sys_vendor", "HPE\n");
-  std::vector<plist::Dict> devices = hw->registry_devices("IOPlatformExpertDevice");
-  ASSERT_EQ(devices.size(), 1u);
-  const plist::Value* serial = devices[0].find("serial-number");
-  ASSERT_TRUE(serial && serial->as_data());
-  EXPECT_EQ(decode_serial(*serial->as_data()), "CZJ1234ABC");
-  EXPECT_EQ(*devices[0].find_string("model"), "ProLiant DL360");
-  EXPECT_EQ(*devices[0].find_string("manufacturer"), "HPE");
-  EXPECT_TRUE(hw->registry_devices("IOPlatformDevice").empty());
 }
 
 TEST_F(HardwareFixture, ModelNamesFromDmiThenTheDeviceTree) {
@@ -191,11 +187,6 @@ TEST_F(HardwareFixture, ModelNamesFromDmiThenTheDeviceTree) {
   root_.write("/proc/device-tree/model", std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
   EXPECT_EQ(hw->sysctl_string("hw.model"), "Raspberry Pi 4 Model B Rev 1.4");
   EXPECT_EQ(hw->sysctl_string("hw.model_display_name"), "Raspberry Pi 4 Model B Rev 1.4");
-
-  // The running system always has at least the kernel's machine name.
-  auto live = make_linux_hardware();
-  EXPECT_FALSE(live->sysctl_string("hw.model").value_or("").empty());
-  EXPECT_FALSE(live->sysctl_string("hw.model_display_name").value_or("").empty());
 }
 
 TEST_F(HardwareFixture, ProcessorNamesOnOtherArchitectures) {
@@ -225,6 +216,9 @@ TEST(LinuxHardwareTest, LiveSystemAnswersTheBasics) {
   EXPECT_GE(hw->sysctl_integer("hw.ncpu").value_or(0), 1u);
   EXPECT_EQ(hw->sysctl_string("kern.ostype"), "Linux");
   EXPECT_FALSE(hw->sysctl_string("kern.osrelease").value_or("").empty());
+  // At least the kernel's machine name.
+  EXPECT_FALSE(hw->sysctl_string("hw.model").value_or("").empty());
+  EXPECT_FALSE(hw->sysctl_string("hw.model_display_name").value_or("").empty());
 
   std::optional<HostBasicInfo> info = hw->host_basic_info();
   ASSERT_TRUE(info);

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/fake/fake_log.h"
 #include "platform/file_util.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/linux/job_map.h"
@@ -33,9 +32,6 @@ struct Link {
 
 class MeteredInterfacesTest : public ::testing::Test {
  protected:
-  MeteredInterfacesTest() : previous_log_(slot<Log>()) { install<Log>(&log_); }
-  ~MeteredInterfacesTest() override { install<Log>(previous_log_); }
-
   void add(const Link& l) {
     std::string dir = "/sys/class/net/" + l.name;
     root_.write(dir + "/ifindex", std::to_string(l.index) + "\n");
@@ -69,8 +65,7 @@ class MeteredInterfacesTest : public ::testing::Test {
   }
 
   ScratchRoot root_;
-  FakeLog log_;
-  Log* previous_log_;
+  testing::CapturedLog log_;
 };
 
 TEST_F(MeteredInterfacesTest, HardwareAndBondsAreNumberedByIndexAndVirtualLinksLeftOut) {

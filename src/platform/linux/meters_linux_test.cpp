@@ -14,7 +14,11 @@ namespace {
 // so that statvfs works on them.
 using Tree = testing::ScratchDir;
 
-TEST(ProcProcessorStatsTest, ReadsOnlineStateAndKeepsThirtyTwoBits) {
+// user, nice, system, idle
+std::vector<uint32_t> counts(const ProcessorTicks& t) { return {t.user, t.nice, t.system, t.idle}; }
+using Counts = std::vector<uint32_t>;
+
+TEST(ProcProcessorStatsTest, OnlineStateThirtyTwoBitsIoWaitAndDamagedLines) {
   Tree t;
   t.write("/proc/stat",
           "cpu  9 9 9 9 9 0 0 0 0 0\n"
@@ -29,10 +33,7 @@ TEST(ProcProcessorStatsTest, ReadsOnlineStateAndKeepsThirtyTwoBits) {
   std::vector<ProcessorTicks> ticks;
   ASSERT_EQ(stats->read(&ticks), 0);
   ASSERT_EQ(ticks.size(), 3u);
-  EXPECT_EQ(ticks[0].user, 1u);
-  EXPECT_EQ(ticks[0].nice, 2u);
-  EXPECT_EQ(ticks[0].system, 3u);
-  EXPECT_EQ(ticks[0].idle, 4u);
+  EXPECT_EQ(counts(ticks[0]), (Counts{1, 2, 3, 4}));
   EXPECT_TRUE(ticks[0].running);  // cpu0 has no online file
   EXPECT_EQ(ticks[1].idle, 10u);  // 2^32 + 10, wrapped like a 32-bit counter
   EXPECT_TRUE(ticks[1].running);
@@ -41,27 +42,17 @@ TEST(ProcProcessorStatsTest, ReadsOnlineStateAndKeepsThirtyTwoBits) {
   auto missing = make_proc_processor_stats(t.path("/nowhere"), t.path("/sys"));
   EXPECT_NE(missing->read(&ticks), 0);
   EXPECT_TRUE(ticks.empty());
-}
 
-TEST(ProcProcessorStatsTest, IoWaitIsIdleAndInterruptsAndStealAreSystem) {
-  Tree t;
-  // user nice system idle iowait irq softirq steal guest guest_nice, then a
-  // column no kernel writes yet.
+  // I/O wait is idle; interrupts and steal are system. Columns: user nice
+  // system idle iowait irq softirq steal guest guest_nice, then one no
+  // kernel writes yet.
   t.write("/proc/stat",
           "cpu0 100 7 10 20 500 1 2 3 50 5 999\n"
           "cpu1 100 0 0 0 100\n");
-  auto stats = make_proc_processor_stats(t.path("/proc"), t.path("/sys"));
-  std::vector<ProcessorTicks> ticks;
   ASSERT_EQ(stats->read(&ticks), 0);
   ASSERT_EQ(ticks.size(), 2u);
-  EXPECT_EQ(ticks[0].user, 100u);  // guest time is already inside user
-  EXPECT_EQ(ticks[0].nice, 7u);
-  EXPECT_EQ(ticks[0].system, 16u);
-  EXPECT_EQ(ticks[0].idle, 520u);
-  // Half user, half waiting for I/O: half busy.
-  EXPECT_EQ(ticks[1].user, 100u);
-  EXPECT_EQ(ticks[1].idle, 100u);
-  EXPECT_EQ(ticks[1].system, 0u);
+  EXPECT_EQ(counts(ticks[0]), (Counts{100, 7, 16, 520}));  // guest time is already inside user
+  EXPECT_EQ(counts(ticks[1]), (Counts{100, 0, 0, 100}));   // half waiting for I/O: half busy
 
   // A short line or a counter that is not a number fails the whole reading
   // rather than moving the next processor into its place.

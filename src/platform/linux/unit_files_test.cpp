@@ -21,7 +21,7 @@ constexpr char kVnc[] =
     "[Service]\nExecStart=-/usr/bin/vncserver %i\n\n"
     "[Install]\nWantedBy=graphical.target\nAlias=vnc@%i.service\n";
 
-TEST(UnitFiles, FindsUnitsAcrossDirectoriesWithMaskingTemplatesAndAliases) {
+TEST(UnitFiles, FindsAndParsesUnitsAcrossDirectoriesWithMaskingTemplatesAndAliases) {
   ScratchRoot root;
   root.write("/lib/systemd/system/ssh.service", kSsh);
   root.write("/usr/lib/systemd/system/cups.service", "[Install]\nWantedBy=printer.target\n");
@@ -69,9 +69,30 @@ TEST(UnitFiles, FindsUnitsAcrossDirectoriesWithMaskingTemplatesAndAliases) {
   EXPECT_EQ(unit_file_state("cups.service"), UnitFileState::kDisabled);
   EXPECT_EQ(unit_file_state("absent.service"), UnitFileState::kNotFound);
   EXPECT_EQ(unit_file_state("absent@x.service"), UnitFileState::kNotFound);
+  // Continuations, resets, command prefixes and specifiers.
+  root.write("/lib/systemd/system/odd.service",
+             "# comment\n"
+             "[Service]\n"
+             "ExecStart=\n"
+             "ExecStart=!!\"/usr/sbin/odd\" --flag \\\n"
+             "   --more\n"
+             "ExecStart=/usr/sbin/second\n"
+             "[Install]\n"
+             "WantedBy=a.target \\\n"
+             "  b.target\n"
+             "WantedBy=\n"
+             "WantedBy=c.target %q.target\n"
+             "Alias=odd-%n\n"
+             "; trailing comment\n");
+  std::optional<UnitFileInfo> odd = find_unit_file("odd.service");
+  ASSERT_TRUE(odd);
+  EXPECT_EQ(odd->exec_program, "/usr/sbin/odd");
+  // The reset drops a and b; the unknown specifier drops its word only.
+  EXPECT_EQ(odd->wanted_by, std::vector<std::string>{"c.target"});
+  EXPECT_EQ(odd->aliases, std::vector<std::string>{"odd-odd.service"});
 }
 
-TEST(UnitFiles, EnableThenDisableRoundTrip) {
+TEST(UnitFiles, EnableThenDisableUnitsAliasesAndInstances) {
   ScratchRoot root;
   root.write("/lib/systemd/system/ssh.service", kSsh);
   root.write("/lib/systemd/system/snmpd.service",
@@ -107,10 +128,7 @@ TEST(UnitFiles, EnableThenDisableRoundTrip) {
   ASSERT_EQ(disable_unit_file("snmpd.service"), 0);
   EXPECT_EQ(unit_file_state("snmpd.service"), UnitFileState::kDisabled);
   EXPECT_EQ(disable_unit_file("snmpd.service"), 0);
-}
-
-TEST(UnitFiles, TemplateInstancesAreEnabledOneByOne) {
-  ScratchRoot root;
+  // Template instances are enabled one by one.
   root.write("/lib/systemd/system/vncserver@.service", kVnc);
 
   ASSERT_EQ(enable_unit_file("vncserver@:1.service"), 0);
@@ -128,7 +146,7 @@ TEST(UnitFiles, TemplateInstancesAreEnabledOneByOne) {
   EXPECT_EQ(enable_unit_file("vncserver@.service"), EINVAL);
 }
 
-TEST(UnitFiles, RefusesWhatCannotBeEnabledAndKeepsForeignFiles) {
+TEST(UnitFiles, RefusesWhatCannotBeEnabledKeepsForeignFilesAndStaysInTheRoot) {
   ScratchRoot root;
   root.write("/lib/systemd/system/smbd.service", "[Install]\nWantedBy=multi-user.target\n");
   root.link("/etc/systemd/system/smbd.service", "/dev/null");
@@ -153,10 +171,7 @@ TEST(UnitFiles, RefusesWhatCannotBeEnabledAndKeepsForeignFiles) {
 
   EXPECT_EQ(disable_unit_file("static.service"), 0);
   EXPECT_EQ(read_file(root.path("/etc/systemd/system/multi-user.target.wants/static.service")), "keep me");
-}
-
-TEST(UnitFiles, HostileNamesAndBrokenLinksFindNothing) {
-  ScratchRoot root;
+  // Hostile names and broken links find nothing.
   root.write("/secret.service", "[Install]\nWantedBy=multi-user.target\n");
   root.link("/etc/systemd/system/loop.service", "/etc/systemd/system/loop2.service");
   root.link("/etc/systemd/system/loop2.service", "/etc/systemd/system/loop.service");
@@ -176,38 +191,12 @@ TEST(UnitFiles, HostileNamesAndBrokenLinksFindNothing) {
   EXPECT_EQ(find_unit_file("dangling.service")->path, "/lib/systemd/system/dangling.service");
 }
 
-TEST(UnitFiles, ParsesContinuationsResetsAndPrefixes) {
-  ScratchRoot root;
-  root.write("/lib/systemd/system/odd.service",
-             "# comment\n"
-             "[Service]\n"
-             "ExecStart=\n"
-             "ExecStart=!!\"/usr/sbin/odd\" --flag \\\n"
-             "   --more\n"
-             "ExecStart=/usr/sbin/second\n"
-             "[Install]\n"
-             "WantedBy=a.target \\\n"
-             "  b.target\n"
-             "WantedBy=\n"
-             "WantedBy=c.target %q.target\n"
-             "Alias=odd-%n\n"
-             "; trailing comment\n");
-  std::optional<UnitFileInfo> odd = find_unit_file("odd.service");
-  ASSERT_TRUE(odd);
-  EXPECT_EQ(odd->exec_program, "/usr/sbin/odd");
-  // The reset drops a and b; the unknown specifier drops its word only.
-  EXPECT_EQ(odd->wanted_by, std::vector<std::string>{"c.target"});
-  EXPECT_EQ(odd->aliases, std::vector<std::string>{"odd-odd.service"});
-}
-
 TEST(UnitFiles, SplitsInstanceNames) {
   auto split = split_unit_instance("syncthing@root.service");
   ASSERT_TRUE(split);
-  EXPECT_EQ(split->template_name, "syncthing@.service");
-  EXPECT_EQ(split->instance, "root");
-  EXPECT_FALSE(split_unit_instance("syncthing@.service"));
-  EXPECT_FALSE(split_unit_instance("ssh.service"));
-  EXPECT_FALSE(split_unit_instance("noext@x"));
+  EXPECT_EQ(split->template_name + " " + split->instance, "syncthing@.service root");
+  for (const char* name : {"syncthing@.service", "ssh.service", "noext@x"})
+    EXPECT_FALSE(split_unit_instance(name)) << name;
 }
 
 }  // namespace
