@@ -191,21 +191,22 @@ TEST_F(HardwareFixture, ModelNamesFromDmiThenTheDeviceTree) {
 
 TEST_F(HardwareFixture, ProcessorNamesOnOtherArchitectures) {
   auto hw = hardware();
-  // Older ARM kernels: the name is in the block about the whole machine.
-  root_.write("/proc/cpuinfo",
-              "Processor\t: ARMv7 Processor rev 4 (v7l)\nprocessor\t: 0\nBogoMIPS\t: 38.40\n\n"
-              "Hardware\t: BCM2835\n");
-  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "ARMv7 Processor rev 4 (v7l)");
-  root_.write("/proc/cpuinfo",
-              "system type\t\t: MediaTek MT7621\nprocessor\t\t: 0\ncpu model\t\t: MIPS 1004Kc V2.15\n");
-  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "MIPS 1004Kc V2.15");
-  root_.write("/proc/cpuinfo", "processor\t: 0\ncpu\t\t: POWER9 (raw), altivec supported\nclock\t\t: 2166MHz\n");
-  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "POWER9 (raw), altivec supported");
-  root_.write("/proc/cpuinfo", "processor\t: 0\nmodel name\t: Intel(R) Xeon(R) CPU           E5430  @ 2.66GHz\n");
-  EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "Intel(R) Xeon(R) CPU E5430 @ 2.66GHz");
-  // Modern ARM kernels name no model at all.
-  root_.write("/proc/cpuinfo", "processor\t: 0\nCPU implementer\t: 0x41\nCPU part\t: 0xd08\n");
-  EXPECT_FALSE(hw->sysctl_string("machdep.cpu.brand_string"));
+  const std::pair<const char*, std::optional<std::string>> cases[] = {
+      // Older ARM kernels: the name is in the block about the whole machine.
+      {"Processor\t: ARMv7 Processor rev 4 (v7l)\nprocessor\t: 0\nBogoMIPS\t: 38.40\n\nHardware\t: BCM2835\n",
+       "ARMv7 Processor rev 4 (v7l)"},
+      {"system type\t\t: MediaTek MT7621\nprocessor\t\t: 0\ncpu model\t\t: MIPS 1004Kc V2.15\n", "MIPS 1004Kc V2.15"},
+      {"processor\t: 0\ncpu\t\t: POWER9 (raw), altivec supported\nclock\t\t: 2166MHz\n",
+       "POWER9 (raw), altivec supported"},
+      {"processor\t: 0\nmodel name\t: Intel(R) Xeon(R) CPU           E5430  @ 2.66GHz\n",
+       "Intel(R) Xeon(R) CPU E5430 @ 2.66GHz"},
+      // Modern ARM kernels name no model at all.
+      {"processor\t: 0\nCPU implementer\t: 0x41\nCPU part\t: 0xd08\n", std::nullopt},
+  };
+  for (const auto& [cpuinfo, name] : cases) {
+    root_.write("/proc/cpuinfo", cpuinfo);
+    EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), name) << cpuinfo;
+  }
 }
 
 TEST(LinuxHardwareTest, LiveSystemAnswersTheBasics) {

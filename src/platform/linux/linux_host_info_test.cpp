@@ -39,7 +39,7 @@ TEST(ShellAssignmentsTest, QuotingCommentsAndJunk) {
   EXPECT_FALSE(linux_text::shell_variable("AB=1\n", "A"));
 }
 
-TEST(LinuxHostInfoTest, SystemVersionFromOsRelease) {
+TEST(LinuxHostInfoTest, SystemVersionFromOsReleaseAndTheServerRecord) {
   ScratchRoot root;
   auto host = make_linux_host_info();
   EXPECT_FALSE(host->system_version());
@@ -58,11 +58,8 @@ TEST(LinuxHostInfoTest, SystemVersionFromOsRelease) {
 
   root.write("/etc/os-release", "ID=nameless\n");
   EXPECT_FALSE(host->system_version());
-}
 
-TEST(LinuxHostInfoTest, ServerVersionRecordWhenInstalledAndWellFormed) {
-  ScratchRoot root;
-  auto host = make_linux_host_info();
+  // The server record only when installed and well formed.
   EXPECT_FALSE(host->server_version());
 
   root.write("/usr/share/hubwardend/ServerVersion.plist", "<plist><dict><key>ProductName");
@@ -78,10 +75,9 @@ TEST(LinuxHostInfoTest, ServerVersionRecordWhenInstalledAndWellFormed) {
              "<key>ProductName</key><string>Hubwarden Server</string>"
              "<key>ProductBuildVersion</key><string>3B12</string>"
              "</dict></plist>\n");
-  std::optional<plist::Dict> record = host->server_version();
+  record = host->server_version();
   ASSERT_TRUE(record);
-  plist::Dict expected{
-      {"ProductName", "Hubwarden Server"}, {"ProductVersion", "3.2 Server"}, {"ProductBuildVersion", "3B12"}};
+  expected = {{"ProductName", "Hubwarden Server"}, {"ProductVersion", "3.2 Server"}, {"ProductBuildVersion", "3B12"}};
   EXPECT_EQ(*record, expected);
   EXPECT_FALSE(record->contains("Other"));
 }

@@ -73,39 +73,25 @@ TEST(MountVolumesTest, ListsRootFirstWithLabelsLocksAndBuses) {
   std::string hwro = t.mkdir("/mnt/hwro");
   std::string share = t.mkdir("/mnt/share");
   std::string spaced = t.mkdir("/mnt/with space");
-  std::string bind = t.mkdir("/mnt/bind");
+  t.mkdir("/mnt/bind");
   t.write("/mnt/resolv.conf", "");
-  std::string file = t.path("/mnt/resolv.conf");
-
-  t.write("/proc/self/mountinfo",
-          "1 0 0:1 / / rw - rootfs rootfs rw\n"
-          "20 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-          "21 20 0:5 / /proc rw,nosuid - proc proc rw\n"
-          "22 20 8:2 / " +
-              data +
-              " rw shared:2 master:1 - ext4 /dev/sda2 rw\n"
-              "23 20 8:1 /srv " +
-              bind +
-              " rw - ext4 /dev/sda1 rw\n"
-              "24 20 8:17 / " +
-              stick +
-              " rw - vfat /dev/sdb1 rw\n"
-              "25 20 8:3 / " +
-              ro +
-              " ro - ext4 /dev/sda3 rw\n"
-              "26 20 8:4 / " +
-              hwro +
-              " rw - ext4 /dev/sda4 rw\n"
-              "27 20 0:40 / " +
-              share +
-              " rw - nfs4 server:/export rw\n"
-              "28 20 0:41 / " +
-              t.path("/mnt/with\\040space") +
-              " rw - tmpfs tmpfs rw\n"
-              "29 20 8:5 /etc/resolv.conf " +
-              file +
-              " rw - ext4 /dev/sda5 rw\n"
-              "garbage line\n");
+  // "@" stands for the scratch directory, where the mount points are.
+  std::string mountinfo =
+      "1 0 0:1 / / rw - rootfs rootfs rw\n"
+      "20 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+      "21 20 0:5 / /proc rw,nosuid - proc proc rw\n"
+      "22 20 8:2 / @/mnt/data rw shared:2 master:1 - ext4 /dev/sda2 rw\n"
+      "23 20 8:1 /srv @/mnt/bind rw - ext4 /dev/sda1 rw\n"
+      "24 20 8:17 / @/mnt/stick rw - vfat /dev/sdb1 rw\n"
+      "25 20 8:3 / @/mnt/ro ro - ext4 /dev/sda3 rw\n"
+      "26 20 8:4 / @/mnt/hwro rw - ext4 /dev/sda4 rw\n"
+      "27 20 0:40 / @/mnt/share rw - nfs4 server:/export rw\n"
+      "28 20 0:41 / @/mnt/with\\040space rw - tmpfs tmpfs rw\n"
+      "29 20 8:5 /etc/resolv.conf @/mnt/resolv.conf rw - ext4 /dev/sda5 rw\n"
+      "garbage line\n";
+  for (size_t at = 0; (at = mountinfo.find('@', at)) != std::string::npos; at += t.dir().size())
+    mountinfo.replace(at, 1, t.dir());
+  t.write("/proc/self/mountinfo", mountinfo);
   for (std::string part : {"sda1", "sda2", "sda3", "sda4", "sda5"}) {
     t.write("/sys/devices/pci0/block/sda/" + part + "/partition", "1\n");
     t.write("/sys/devices/pci0/block/sda/" + part + "/ro", part == "sda4" ? "1\n" : "0\n");
