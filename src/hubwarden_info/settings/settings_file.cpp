@@ -95,11 +95,7 @@ std::optional<platform::FileLock> lock_for_reading() { return lock_file(platform
 std::optional<platform::FileLock> lock_for_writing() {
   std::string lock_path = platform::resolve(kSettingsLockPath);
   platform::make_directories(lock_path.substr(0, lock_path.find_last_of('/')));
-  std::optional<platform::FileLock> lock = lock_file(platform::FileLock::Mode::Exclusive);
-  if (!lock)
-    platform::log_error("hubwarden_info: cannot lock the settings file (" + lock_path + ": " + std::strerror(errno) +
-                        "); settings not written");
-  return lock;
+  return lock_file(platform::FileLock::Mode::Exclusive);
 }
 
 enum class Stored { Missing, Damaged, Ok };
@@ -165,16 +161,11 @@ bool set_aside_unlocked(const std::string& problem) {
   return false;
 }
 
-// A failed write is not reported: the atomic replacement leaves the
-// previous file intact, which is all a caller could hope for.
+// A failed write is neither reported nor logged: the atomic replacement
+// leaves the previous file intact, which is all a caller could hope for.
 void store_unlocked(const plist::Dict& settings) {
   std::string text = plist::write_xml(plist::Value(settings));
-  if (text.size() > kMaxSettingsFileBytes) {
-    platform::log_error("hubwarden_info: settings not written: the settings file would grow to " +
-                        std::to_string(text.size()) + " bytes, more than the " + std::to_string(kMaxSettingsFileBytes) +
-                        " allowed");
-    return;
-  }
+  if (text.size() > kMaxSettingsFileBytes) return;
   platform::write_file_atomically(settings_path(), text, 0644);
 }
 

@@ -10,12 +10,13 @@
 // Other processes (a command-line run of the host beside the daemon) are
 // kept out by an advisory lock on kSettingsLockPath, taken inside
 // gPrefsFileLock: shared while reading, exclusive for a whole
-// read-merge-write. A writer that cannot get it within a few seconds logs
-// and writes nothing. A write that would make the file larger than
+// read-merge-write. A writer that cannot get it within a few seconds
+// writes nothing. A write that would make the file larger than
 // kMaxSettingsFileBytes is refused the same way, and a file that exists but
 // does not parse is moved aside to "<file>.corrupt-<unix time>-<n>" (and
-// logged) before a writer replaces it. As before, the writers report
-// nothing to their callers; a refused write leaves the file as it was.
+// logged, since stored data moves) before a writer replaces it. Like any
+// failed write, a refused one is neither reported nor logged; it leaves the
+// file as it was.
 #pragma once
 
 #include <atomic>

@@ -116,7 +116,7 @@ TEST_F(SettingsFileTest, WriteThatWouldPassTheSizeLimitLeavesTheFileAsItWas) {
   std::string big(kMaxSettingsFileBytes, 'x');
   overwrite_key_in_settings_file(big, "ServiceConfig");
   EXPECT_EQ(contents(), before);
-  EXPECT_TRUE(log_.contains(platform::Priority::Error, "hubwarden_info: settings not written"));
+  EXPECT_FALSE(log_.contains("hubwarden_info:"));
 
   // Values that fit each on their own but not together are refused too.
   std::string half(kMaxSettingsFileBytes / 2 + 1, 'y');
@@ -208,7 +208,7 @@ TEST_F(SettingsFileTest, WriterThatCannotGetTheLockWritesNothingButReadersStillR
     update_keys_in_settings_file({{"lost", 2}});
     overwrite_key_in_settings_file(3, "lost");
     EXPECT_EQ(contents(), before);
-    EXPECT_TRUE(log_.contains(platform::Priority::Error, "hubwarden_info: cannot lock the settings file"));
+    EXPECT_FALSE(log_.contains("hubwarden_info:"));
     ASSERT_TRUE(read_key_from_settings_file("kept"));
   }
   update_keys_in_settings_file({{"after", 4}});
