@@ -2,6 +2,7 @@
 #include "hubwardend/log_sources.h"
 
 #include "platform/file_util.h"
+#include "platform/linux/host_config.h"
 #include "platform/linux/job_map.h"
 #include "platform/linux/journal_log.h"
 #include "platform/log.h"
@@ -56,18 +57,9 @@ bool read_source(const plist::Value& value, LogSource* source, std::string* erro
 }
 
 void overlay_file(const std::string& path, LogSources* sources) {
-  std::optional<std::string> text = platform::read_file(platform::resolve(path));
-  if (!text) return;  // no file is the common case, not worth a line
-  plist::Parsed parsed = plist::parse_xml(*text);
-  std::string error = parsed.error;
-  if (parsed.ok()) {
-    const plist::Dict* dict = parsed.value.as_dict();
-    if (dict == nullptr) {
-      error = "root is not a dictionary";
-    } else if (apply_log_config(*dict, sources, &error)) {
-      return;
-    }
-  }
+  std::string error;
+  std::optional<plist::Dict> config = platform::read_host_config(platform::resolve(path), &error);
+  if (config ? apply_log_config(*config, sources, &error) : error.empty()) return;
   platform::log_error("hubwardend: ignoring the logs of " + path + ": " + error);
 }
 

@@ -53,6 +53,7 @@
 #include "platform/registry.h"
 #include "platform/signals.h"
 #include "platform/sleeper.h"
+#include "platform/utf8.h"
 #include "request/operations.h"
 
 namespace hubwarden {
@@ -232,9 +233,9 @@ int compare_on(SortKey key, const libtop_pinfo_t* a, const libtop_pinfo_t* b) {
   return 0;
 }
 
-// The sort specification with its names looked up once rather than at each
-// of the twenty-odd thousand comparisons of a server-sized table; it orders
-// exactly as samp_p_sort does with the same dictionary.
+// The sort keys and directions, their names looked up once rather than at
+// each of the twenty-odd thousand comparisons of a server-sized table; it
+// orders exactly as samp_p_sort does with the same dictionary.
 struct ResolvedSort {
   SortKey primary;
   SortKey secondary;
@@ -257,45 +258,11 @@ uint32_t clamp32(int64_t v) {
   return static_cast<uint32_t>(v);
 }
 
-bool is_valid_utf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    size_t length;
-    uint32_t code;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      length = 2;
-      code = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      length = 3;
-      code = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      length = 4;
-      code = c & 0x07;
-    } else {
-      return false;
-    }
-    if (s.size() - i < length) return false;
-    for (size_t k = 1; k < length; ++k) {
-      unsigned char next = static_cast<unsigned char>(s[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
-    i += length;
-  }
-  return true;
-}
-
 void add_field(Dict* out, Field field, const libtop_pinfo_t* p, const libtop_tsamp_t* sample) {
   std::string_view name = kAcceptedFields[field];
   switch (field) {
     case kCommand:
-      out->set(name, is_valid_utf8(p->command) ? Value(p->command) : Value("?"));
+      out->set(name, platform::is_valid_utf8(p->command) ? Value(p->command) : Value("?"));
       break;
     case kPid:
       out->set(name, p->pid);

@@ -2,6 +2,7 @@
 #include "platform/linux/host_paths.h"
 
 #include "platform/file_util.h"
+#include "platform/linux/host_config.h"
 #include "platform/linux/job_map.h"
 #include "platform/log.h"
 #include "plist/codec.h"
@@ -13,19 +14,11 @@ namespace {
 void overlay_file(const std::string& root, const char* path, PathMap* map) {
   // Read straight under root: the Paths these entries are for does not
   // exist yet, and configuration files are never themselves mapped.
-  std::optional<std::string> text = read_file(root + path);
-  if (!text) return;
-  plist::Parsed parsed = plist::parse_xml(*text);
-  if (!parsed.ok()) {
-    log_error(std::string("hubwardend: ignoring the paths of ") + path + ": " + parsed.error);
-    return;
-  }
-  const plist::Dict* dict = parsed.value.as_dict();
-  if (dict == nullptr) {
-    log_error(std::string("hubwardend: ignoring the paths of ") + path + ": root is not a dictionary");
-    return;
-  }
-  apply_path_config(*dict, path, map);
+  std::string error;
+  if (std::optional<plist::Dict> config = read_host_config(root + path, &error))
+    apply_path_config(*config, path, map);
+  else if (!error.empty())
+    log_error(std::string("hubwardend: ignoring the paths of ") + path + ": " + error);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/file_util.h"
+#include "platform/linux/host_config.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "plist/codec.h"
@@ -15,9 +16,9 @@ namespace platform {
 
 namespace {
 
-constexpr std::array<std::string_view, 11> kUnitSuffixes = {
-    ".service", ".socket", ".target", ".timer", ".path", ".mount",
-    ".automount", ".swap", ".slice", ".scope", ".device"};
+constexpr std::array<std::string_view, 11> kUnitSuffixes = {".service", ".socket", ".target",    ".timer",
+                                                            ".path",    ".mount",  ".automount", ".swap",
+                                                            ".slice",   ".scope",  ".device"};
 
 bool has_unit_suffix(std::string_view name) {
   return std::any_of(kUnitSuffixes.begin(), kUnitSuffixes.end(), [&](std::string_view suffix) {
@@ -54,27 +55,17 @@ bool read_units(const plist::Value& value, std::vector<std::string>* units) {
 // Lays the configuration file at path (under the root) over map. A missing
 // file is not worth a log line; a broken one is.
 bool overlay_file(const std::string& path, HostServiceMap* map) {
-  std::optional<std::string> text = read_file(resolve(path));
-  if (!text) return false;
-  plist::Parsed parsed = plist::parse_xml(*text);
-  std::string error = parsed.error;
-  if (parsed.ok()) {
-    const plist::Dict* dict = parsed.value.as_dict();
-    if (dict == nullptr) {
-      error = "root is not a dictionary";
-    } else if (apply_host_config(*dict, map, &error)) {
-      return true;
-    }
-  }
+  std::string error;
+  std::optional<plist::Dict> config = read_host_config(resolve(path), &error);
+  if (!config && error.empty()) return false;
+  if (config && apply_host_config(*config, map, &error)) return true;
   log_error("hubwardend: ignoring " + path + ": " + error);
   return false;
 }
 
 }  // namespace
 
-std::string normalize_unit_name(const std::string& name) {
-  return has_unit_suffix(name) ? name : name + ".service";
-}
+std::string normalize_unit_name(const std::string& name) { return has_unit_suffix(name) ? name : name + ".service"; }
 
 std::vector<std::string> HostServiceMap::units_for_job(const std::string& job) const {
   auto it = jobs.find(job);
@@ -98,8 +89,7 @@ std::vector<std::string> HostServiceMap::units_for_module(const std::string& mod
 HostServiceMap default_host_service_map() {
   HostServiceMap map;
   const std::vector<std::string> ssh = {"ssh.service", "sshd.service"};
-  const std::vector<std::string> ntp = {"ntpsec.service", "ntp.service", "chrony.service",
-                                        "systemd-timesyncd.service"};
+  const std::vector<std::string> ntp = {"ntpsec.service", "ntp.service", "chrony.service", "systemd-timesyncd.service"};
   const std::vector<std::string> filesync = {"syncthing@root.service"};
   map.jobs = {
       {"org.net-snmp.snmpd", {"snmpd.service"}},

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/file_util.h"
+#include "platform/linux/host_config.h"
 #include "platform/linux/job_map.h"
 #include "platform/linux/text_files.h"
 #include "platform/log.h"
@@ -197,12 +198,10 @@ class SysfsInterfaceStats : public InterfaceStats {
 // absent or unusable, so that the next file decides.
 std::optional<std::vector<std::string>> listed_in(const char* path) {
   if (!has<Paths>()) return std::nullopt;
-  std::optional<std::string> text = read_file(resolve(path));
-  if (!text) return std::nullopt;
-  plist::Parsed parsed = plist::parse_xml(*text);
-  const plist::Dict* dict = parsed.ok() ? parsed.value.as_dict() : nullptr;
-  if (!dict) return std::nullopt;  // the service map's loader reports broken files
-  const plist::Value* value = dict->find(kMeteredInterfacesKey);
+  std::string error;  // the service map's loader reports broken files
+  std::optional<plist::Dict> config = read_host_config(resolve(path), &error);
+  if (!config) return std::nullopt;
+  const plist::Value* value = config->find(kMeteredInterfacesKey);
   if (!value) return std::nullopt;
   const plist::Array* array = value->as_array();
   if (!array) {
