@@ -15,15 +15,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::set<std::string> entries_of(const std::string& dir) {
-  std::set<std::string> names;
-  for (const fs::directory_entry& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
-
 TEST(HistoryStoreConfined, LinkedFolderOrFileLeadingOutsideIsRefused) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   const std::string garbage(8192, 'x');
   ASSERT_TRUE(platform::write_file_atomically(outside + "/history.sqlite3", garbage));
   HistoryStoreOptions options;
@@ -46,7 +40,7 @@ TEST(HistoryStoreConfined, LinkedFolderOrFileLeadingOutsideIsRefused) {
     error.clear();
     EXPECT_FALSE(open_history_store(db, options, &error));
     EXPECT_FALSE(error.empty());
-    EXPECT_EQ(entries_of(outside), std::set<std::string>{"history.sqlite3"});
+    EXPECT_EQ(platform::testing::entry_names(outside), std::set<std::string>{"history.sqlite3"});
     EXPECT_EQ(platform::read_file(outside + "/history.sqlite3"), garbage);
 
     // A damaged file of the sandbox's own is set aside beside it.
@@ -60,8 +54,7 @@ TEST(HistoryStoreConfined, LinkedFolderOrFileLeadingOutsideIsRefused) {
     store.reset();
     EXPECT_EQ(platform::read_file(db + ".corrupt-20231114T221320Z"), garbage);
   }
-  EXPECT_EQ(entries_of(outside), std::set<std::string>{"history.sqlite3"});
-  fs::remove_all(outside);
+  EXPECT_EQ(platform::testing::entry_names(outside), std::set<std::string>{"history.sqlite3"});
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(TimeZoneConfined, LinkedEtcFolderIsResolvedInsideTheRoot) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   fs::create_symlink("/usr/share/zoneinfo/Europe/Paris", outside + "/localtime");
   ASSERT_TRUE(platform::write_file_atomically(outside + "/timezone", "Europe/Paris\n"));
   {
@@ -29,7 +29,6 @@ TEST(TimeZoneConfined, LinkedEtcFolderIsResolvedInsideTheRoot) {
     fs::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", root.path(outside + "/localtime"));
     EXPECT_EQ(get_time_zone_name(), "Asia/Tokyo");
   }
-  fs::remove_all(outside);
 }
 
 }  // namespace

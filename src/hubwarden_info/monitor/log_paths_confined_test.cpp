@@ -16,8 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(DoReadFileConfined, LinksResolveInsideTheRootAndOnlyRegularFilesAreRead) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   ASSERT_TRUE(platform::write_file_atomically(outside + "/shadow", "root:secret\n"));
   {
     testing::SandboxRoot root;
@@ -40,7 +40,6 @@ TEST(DoReadFileConfined, LinksResolveInsideTheRootAndOnlyRegularFilesAreRead) {
     EXPECT_FALSE(do_read_file(root.path("/var/log/kernel.log").c_str(), &length));
     EXPECT_FALSE(do_read_file(root.path("/var/log").c_str(), &length));
   }
-  fs::remove_all(outside);
 }
 
 }  // namespace

@@ -15,34 +15,14 @@
 
 #include "platform/directory.h"
 #include "platform/host_services.h"
+#include "platform/linux/basics_test_support.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 
 namespace hubwarden::testing {
 
 // A fresh directory installed as the platform root for the test's lifetime.
-class SandboxRoot {
- public:
-  SandboxRoot() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-test-XXXXXX").string();
-    dir_ = ::mkdtemp(tmpl.data());
-    paths_ = std::make_unique<platform::Paths>(dir_);
-    previous_ = platform::slot<platform::Paths>();
-    platform::install<platform::Paths>(paths_.get());
-  }
-  ~SandboxRoot() {
-    platform::install<platform::Paths>(previous_);
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  const std::string& dir() const { return dir_; }
-  std::string path(const std::string& absolute) const { return dir_ + absolute; }
-
- private:
-  std::string dir_;
-  std::unique_ptr<platform::Paths> paths_;
-  platform::Paths* previous_ = nullptr;
-};
+using SandboxRoot = platform::testing::ScratchRoot;
 
 class FixedRequester : public platform::Requester {
  public:

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 
 #include "platform/fake/fake_log.h"
@@ -109,6 +110,15 @@ class CapturedLog : public FakeLog {
  private:
   Log* previous_;
 };
+
+// The names in directory dir, for checking that nothing was added to or
+// taken from a folder a test must leave alone.
+inline std::set<std::string> entry_names(const std::string& dir) {
+  std::set<std::string> names;
+  for (const std::filesystem::directory_entry& e : std::filesystem::directory_iterator(dir))
+    names.insert(e.path().filename().string());
+  return names;
+}
 
 // The host configuration file shipped in the source tree.
 inline std::string shipped_host_config_path() {

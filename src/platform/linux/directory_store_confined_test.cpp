@@ -16,8 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(DirectoryStoreConfined, RecordsFolderLinkedOutsideTheRootStaysUntouched) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   plist::Dict wheel{{"dsAttrTypeStandard:RecordName", plist::Array{plist::Value("wheelx")}}};
   const std::string record = plist::write_xml(plist::Value(std::move(wheel)));
   ASSERT_TRUE(write_file_atomically(outside + "/wheelx.plist", record));
@@ -45,7 +45,6 @@ TEST(DirectoryStoreConfined, RecordsFolderLinkedOutsideTheRootStaysUntouched) {
     EXPECT_TRUE(fs::exists(sandbox.path(outside + "/staff.plist")));
   }
   EXPECT_EQ(std::distance(fs::directory_iterator(outside), fs::directory_iterator()), 1);
-  fs::remove_all(outside);
 }
 
 }  // namespace

@@ -14,15 +14,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::set<std::string> entries_of(const std::string& dir) {
-  std::set<std::string> names;
-  for (const fs::directory_entry& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
-
 TEST(UnitFilesConfined, LinkDirectoriesLeadingOutsideTheRootAreNeverWritten) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   // What the machine's own *.wants/ folder might hold; it must survive.
   fs::create_symlink("/lib/systemd/system/ssh.service", outside + "/ssh.service");
   {
@@ -37,9 +31,9 @@ TEST(UnitFilesConfined, LinkDirectoriesLeadingOutsideTheRootAreNeverWritten) {
 
     EXPECT_EQ(unit_file_state("ssh.service"), UnitFileState::kDisabled);
     EXPECT_NE(enable_unit_file("ssh.service"), 0);
-    EXPECT_EQ(entries_of(outside), std::set<std::string>{"ssh.service"});
+    EXPECT_EQ(platform::testing::entry_names(outside), std::set<std::string>{"ssh.service"});
     EXPECT_EQ(disable_unit_file("ssh.service"), 0);
-    EXPECT_EQ(entries_of(outside), std::set<std::string>{"ssh.service"});
+    EXPECT_EQ(platform::testing::entry_names(outside), std::set<std::string>{"ssh.service"});
 
     // With real folders in their place the same unit enables and disables.
     fs::remove(root.path("/etc/systemd/system/multi-user.target.wants"));
@@ -50,9 +44,8 @@ TEST(UnitFilesConfined, LinkDirectoriesLeadingOutsideTheRootAreNeverWritten) {
     EXPECT_EQ(unit_file_state("ssh.service"), UnitFileState::kEnabled);
     EXPECT_EQ(disable_unit_file("ssh.service"), 0);
     EXPECT_FALSE(root.exists("/etc/systemd/system/graphical.target.wants/ssh.service"));
-    EXPECT_EQ(entries_of(outside), std::set<std::string>{"ssh.service"});
+    EXPECT_EQ(platform::testing::entry_names(outside), std::set<std::string>{"ssh.service"});
   }
-  fs::remove_all(outside);
 }
 
 }  // namespace

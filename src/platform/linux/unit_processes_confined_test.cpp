@@ -14,8 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(UnitProcessesConfined, LinkedProcFolderIsResolvedInsideTheRoot) {
-  std::string tmpl = (fs::temp_directory_path() / "hubwarden-outside-XXXXXX").string();
-  const std::string outside = ::mkdtemp(tmpl.data());
+  platform::testing::ScratchDir outside_root;  // a folder outside the sandbox root
+  const std::string& outside = outside_root.dir();
   fs::create_directories(outside + "/4242");
   ASSERT_TRUE(write_file_atomically(outside + "/4242/comm", "sshd\n"));
   {
@@ -35,7 +35,6 @@ TEST(UnitProcessesConfined, LinkedProcFolderIsResolvedInsideTheRoot) {
     sshd.pid_file.clear();
     EXPECT_TRUE(unit_process_running(sshd, ProcessSnapshot::take()));
   }
-  fs::remove_all(outside);
 }
 
 }  // namespace
