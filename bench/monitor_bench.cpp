@@ -108,6 +108,19 @@ Dict cached_info() {
   return info;
 }
 
+// Times getState with variant after one warming call (the meters' first
+// reading); returns the last reply for the counters.
+hubwarden::ReplySlot time_get_state(benchmark::State& state, const Value& variant, Dict* context) {
+  hubwarden::ReplySlot reply;
+  hubwarden::get_server_info(reply, &variant, true, context);
+  for (auto _ : state) {
+    reply.reset();
+    if (hubwarden::get_server_info(reply, &variant, true, context) != nullptr) state.SkipWithError("getState failed");
+    benchmark::DoNotOptimize(reply);
+  }
+  return reply;
+}
+
 void BM_GetStateAllDetailsWarm(benchmark::State& state) {
   Host host(0);
   Dict context{{"info", cached_info()}};
@@ -119,13 +132,7 @@ void BM_GetStateAllDetailsWarm(benchmark::State& state) {
 
   Dict asked{{"CPU Avg Times", Array{5, 15, 60}}, {"GetDiskUsage", true}, {"GetNumConnectedUsers", true}};
   Value variant("withDetails+" + plist::write_xml(Value(asked)));
-  hubwarden::ReplySlot reply;
-  hubwarden::get_server_info(reply, &variant, true, &context);  // warms the meters
-  for (auto _ : state) {
-    reply.reset();
-    if (hubwarden::get_server_info(reply, &variant, true, &context) != nullptr) state.SkipWithError("getState failed");
-    benchmark::DoNotOptimize(reply);
-  }
+  hubwarden::ReplySlot reply = time_get_state(state, variant, &context);
   state.counters["volumes"] =
       static_cast<double>(reply && reply->find_array("volumeInfos") ? reply->find_array("volumeInfos")->size() : 0);
 }
@@ -146,13 +153,7 @@ void BM_GetStateWeekOfCpuAverages(benchmark::State& state) {
   host.clock().step = 0;
 
   Value variant("withDetails+" + plist::write_xml(Value(Dict{{"CPU Avg Times", Array{5, 60, 1440, 10080}}})));
-  hubwarden::ReplySlot reply;
-  hubwarden::get_server_info(reply, &variant, true, &context);  // warms the meters
-  for (auto _ : state) {
-    reply.reset();
-    if (hubwarden::get_server_info(reply, &variant, true, &context) != nullptr) state.SkipWithError("getState failed");
-    benchmark::DoNotOptimize(reply);
-  }
+  hubwarden::ReplySlot reply = time_get_state(state, variant, &context);
   const Array* averages = reply ? reply->find_array("cpuHistoryBy100") : nullptr;
   state.counters["averages"] = averages ? static_cast<double>(averages->size()) : 0;
 }
