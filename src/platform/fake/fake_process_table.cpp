@@ -19,6 +19,7 @@ ProcessFacts& FakeProcessTable::add(uint32_t pid, std::string command, uint64_t 
 }
 
 int FakeProcessTable::list(std::vector<ProcessFacts>* out, uint32_t parts) {
+  std::lock_guard<std::mutex> lock(mu_);
   ++lists;
   parts_asked.push_back(parts);
   out->clear();
@@ -34,6 +35,7 @@ int FakeProcessTable::list(std::vector<ProcessFacts>* out, uint32_t parts) {
 }
 
 bool FakeProcessTable::regions(uint32_t pid, ProcessRegions* out) {
+  std::lock_guard<std::mutex> lock(mu_);
   ++region_reads;
   auto it = process_regions.find(pid);
   if (it == process_regions.end()) {

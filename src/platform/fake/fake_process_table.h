@@ -1,10 +1,12 @@
 // An in-memory process table for tests: the processes, their region
-// figures and the host load are whatever the test puts in. Not thread-safe;
-// tests drive it from one thread.
+// figures and the host load are whatever the test puts in. The calls may
+// come from several threads at once, as concurrent requests make them; the
+// test sets the public fields before and reads the counters after.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,9 @@ class FakeProcessTable : public ProcessTable {
 
   bool regions(uint32_t pid, ProcessRegions* out) override;
   int host_load(HostLoad* out) override;
+
+ private:
+  std::mutex mu_;  // guards the counters and parts_asked during calls
 };
 
 }  // namespace platform
