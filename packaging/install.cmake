@@ -45,6 +45,10 @@ install(FILES ${CMAKE_BINARY_DIR}/ServerVersion.plist
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/hubwardend.conf.plist DESTINATION /etc/hubwarden)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/hubwarden.tmpfiles
         DESTINATION lib/tmpfiles.d RENAME hubwarden.conf)
+# The service and its PAM stack. The PAM file is the administrator's to
+# tighten (a conffile); the unit is overridden with drop-ins instead.
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/hubwardend.service DESTINATION lib/systemd/system)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/pam.d/hubwardend DESTINATION /etc/pam.d)
 # The places the shipped "paths" table maps the module's folders to.
 install(DIRECTORY DESTINATION /var/lib/hubwarden/preferences)
 install(DIRECTORY DESTINATION /var/lib/hubwarden/db)
