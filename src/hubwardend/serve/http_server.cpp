@@ -175,6 +175,10 @@ struct HttpServerCore {
 
   std::optional<ssl::context> tls;
   asio::io_context io;
+  // Keeps the I/O threads running when nothing is pending on them: after
+  // stop_accepting, a connection whose request is with the handler has no
+  // operation outstanding, and its reply is posted later.
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> keep_running;
 
   struct Listener;
   std::vector<std::unique_ptr<Listener>> listeners;
@@ -700,6 +704,7 @@ std::unique_ptr<HttpServer> HttpServer::start(const HttpServerOptions& options, 
     core->listeners.push_back(std::move(listener));
   }
   for (auto& listener : core->listeners) listener->start_accepting();
+  core->keep_running.emplace(asio::make_work_guard(core->io));
   for (size_t i = 0; i < threads; ++i) {
     core->threads.emplace_back([io = &core->io] {
       for (;;) {
@@ -722,6 +727,7 @@ HttpServer::~HttpServer() {
     core.gone = true;
   }
   core.stopping = true;
+  core.keep_running.reset();
   core.io.stop();
   for (auto& thread : core.threads) thread.join();
 
