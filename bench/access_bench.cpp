@@ -42,8 +42,8 @@ class Store {
     std::string tmpl = (std::filesystem::temp_directory_path() / "hubwarden-access-bench-XXXXXX").string();
     dir_ = ::mkdtemp(tmpl.data());
     paths_ = std::make_unique<platform::Paths>(dir_);
-    platform::install<platform::Paths>(paths_.get());
-    platform::install<platform::Requester>(&requester_);
+    platform::testing::install<platform::Paths>(paths_.get());
+    platform::testing::install<platform::Requester>(&requester_);
     std::string groups = dir_ + "/var/db/hubwarden/directory/groups/";
     std::filesystem::create_directories(groups);
     std::filesystem::create_directories(dir_ + "/var/db/hubwarden/directory/users");
@@ -81,8 +81,8 @@ class Store {
     ::sleep(4);
   }
   ~Store() {
-    platform::install<platform::Requester>(nullptr);
-    platform::install<platform::Paths>(nullptr);
+    platform::testing::install<platform::Requester>(nullptr);
+    platform::testing::install<platform::Paths>(nullptr);
     std::filesystem::remove_all(dir_);
   }
 
@@ -108,7 +108,7 @@ Store& store() {
 void BM_SaclsForUserWarm(benchmark::State& state) {
   store();
   std::unique_ptr<platform::Directory> directory = platform::make_directory_store();
-  platform::install<platform::Directory>(directory.get());
+  platform::testing::install<platform::Directory>(directory.get());
   Value user("alice");
   size_t services = 0;
   for (auto _ : state) {
@@ -117,14 +117,14 @@ void BM_SaclsForUserWarm(benchmark::State& state) {
     services = sacls ? sacls->size() : 0;
   }
   state.counters["services"] = static_cast<double>(services);
-  platform::install<platform::Directory>(nullptr);
+  platform::testing::install<platform::Directory>(nullptr);
 }
 BENCHMARK(BM_SaclsForUserWarm)->Unit(benchmark::kMillisecond);
 
 void BM_TieredAdminSummaryWarm(benchmark::State& state) {
   store();
   std::unique_ptr<platform::Directory> directory = platform::make_directory_store();
-  platform::install<platform::Directory>(directory.get());
+  platform::testing::install<platform::Directory>(directory.get());
   Dict context;
   size_t entries = 0;
   for (auto _ : state) {
@@ -133,7 +133,7 @@ void BM_TieredAdminSummaryWarm(benchmark::State& state) {
     entries = result && result->find_dict("tieredAdminSummary") ? result->find_dict("tieredAdminSummary")->size() : 0;
   }
   state.counters["entries"] = static_cast<double>(entries);
-  platform::install<platform::Directory>(nullptr);
+  platform::testing::install<platform::Directory>(nullptr);
 }
 BENCHMARK(BM_TieredAdminSummaryWarm)->Unit(benchmark::kMillisecond);
 
@@ -143,11 +143,11 @@ void BM_SaclsForUserCold(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     std::unique_ptr<platform::Directory> directory = platform::make_directory_store();
-    platform::install<platform::Directory>(directory.get());
+    platform::testing::install<platform::Directory>(directory.get());
     state.ResumeTiming();
     benchmark::DoNotOptimize(hubwarden::sacls_for_user(&user, nullptr, true));
   }
-  platform::install<platform::Directory>(nullptr);
+  platform::testing::install<platform::Directory>(nullptr);
 }
 BENCHMARK(BM_SaclsForUserCold)->Unit(benchmark::kMillisecond);
 
@@ -156,8 +156,8 @@ BENCHMARK(BM_SaclsForUserCold)->Unit(benchmark::kMillisecond);
 // (nothing remembered from an earlier request).
 void BM_RealRootMembershipOfUnknownGroups(benchmark::State& state) {
   platform::Paths real("/");
-  platform::Paths* previous = platform::slot<platform::Paths>();
-  platform::install<platform::Paths>(&real);
+  platform::Paths* previous = platform::find<platform::Paths>();
+  platform::testing::install<platform::Paths>(&real);
   std::vector<std::string> groups;
   for (int i = 0; i < 1000; ++i) groups.push_back("com.marlo.access_svc" + std::to_string(i));
   for (auto _ : state) {
@@ -166,7 +166,7 @@ void BM_RealRootMembershipOfUnknownGroups(benchmark::State& state) {
     for (const std::string& g : groups) members += directory->is_member("root", g);
     benchmark::DoNotOptimize(members);
   }
-  platform::install<platform::Paths>(previous);
+  platform::testing::install<platform::Paths>(previous);
 }
 BENCHMARK(BM_RealRootMembershipOfUnknownGroups)->Unit(benchmark::kMillisecond);
 

@@ -38,9 +38,9 @@ class BenchRoot {
   explicit BenchRoot(bool sandbox = true) {
     if (sandbox) scratch_ = std::make_unique<ScratchDir>();
     paths_ = std::make_unique<platform::Paths>(sandbox ? scratch_->dir() : "/");
-    platform::install<platform::Paths>(paths_.get());
+    platform::testing::install<platform::Paths>(paths_.get());
   }
-  ~BenchRoot() { platform::install<platform::Paths>(nullptr); }
+  ~BenchRoot() { platform::testing::install<platform::Paths>(nullptr); }
   BenchRoot(const BenchRoot&) = delete;
   BenchRoot& operator=(const BenchRoot&) = delete;
   // The sandbox directory; empty for the real root.

@@ -99,8 +99,8 @@ TempStore& eight_days(FixedClock* clock) {
 void BM_GetHistory(benchmark::State& state) {
   static FixedClock clock;
   TempStore& temp = eight_days(&clock);
-  platform::install<platform::Clock>(&clock);
-  platform::install<platform::HistoryService>(temp.store.get());
+  platform::testing::install<platform::Clock>(&clock);
+  platform::testing::install<platform::HistoryService>(temp.store.get());
   Value time_scale(state.range(0));
   hubwarden::ReplySlot reply;
   for (auto _ : state) {
@@ -110,8 +110,8 @@ void BM_GetHistory(benchmark::State& state) {
     benchmark::DoNotOptimize(reply);
   }
   state.counters["points"] = reply ? static_cast<double>(reply->find_array("samplesArray")->size()) : 0;
-  platform::install<platform::HistoryService>(nullptr);
-  platform::install<platform::Clock>(nullptr);
+  platform::testing::install<platform::HistoryService>(nullptr);
+  platform::testing::install<platform::Clock>(nullptr);
 }
 BENCHMARK(BM_GetHistory)->Arg(3600)->Arg(86400)->Arg(7 * 86400)->Unit(benchmark::kMillisecond);
 

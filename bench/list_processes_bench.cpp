@@ -49,7 +49,7 @@ size_t rows_of(const hubwarden::ReplySlot& reply) {
 
 void list_without_pause(benchmark::State& state, const Dict& request) {
   NoPause no_pause;
-  platform::install<platform::Sleeper>(&no_pause);
+  platform::testing::install<platform::Sleeper>(&no_pause);
   size_t rows = 0;
   for (auto _ : state) {
     hubwarden::ReplySlot reply;
@@ -57,7 +57,7 @@ void list_without_pause(benchmark::State& state, const Dict& request) {
     rows = rows_of(reply);
   }
   state.counters["rows"] = static_cast<double>(rows);
-  platform::install<platform::Sleeper>(nullptr);
+  platform::testing::install<platform::Sleeper>(nullptr);
 }
 
 void BM_ListAllFieldsBeyondPause(benchmark::State& state) {
@@ -99,9 +99,9 @@ int main(int argc, char** argv) {
   SleepingProcesses crowd(kExtraProcesses);
   std::printf("extra sleeping processes: %zu\n", crowd.size());
   auto table = platform::make_proc_process_table();
-  platform::install<platform::ProcessTable>(table.get());
+  platform::testing::install<platform::ProcessTable>(table.get());
   benchmark::RunSpecifiedBenchmarks();
-  platform::install<platform::ProcessTable>(nullptr);
+  platform::testing::install<platform::ProcessTable>(nullptr);
   benchmark::Shutdown();
   return 0;
 }

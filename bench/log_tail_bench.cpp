@@ -53,7 +53,7 @@ void tail(benchmark::State& state, const char* identifier, int64_t offset) {
     return;
   }
   platform::Paths paths(*dir);
-  platform::install<platform::Paths>(&paths);
+  platform::testing::install<platform::Paths>(&paths);
   hubwardend::FileTailService service;
   plist::Dict table{{identifier, "/var/log/system.log"}};
   plist::Dict context;
@@ -64,7 +64,7 @@ void tail(benchmark::State& state, const char* identifier, int64_t offset) {
     if (error || !contents || contents->empty()) state.SkipWithError("no window");
     benchmark::DoNotOptimize(contents);
   }
-  platform::install<platform::Paths>(nullptr);
+  platform::testing::install<platform::Paths>(nullptr);
 }
 
 void BM_JournalLastWindow(benchmark::State& state) { tail(state, "systemLog", -kWindow); }

@@ -62,23 +62,23 @@ class Host {
     paths_ = std::make_unique<platform::Paths>(dir_);
     clock_.step = clock_step;
     history_ = hubwardend::open_history_store(dir_ + hubwardend::kHistoryDatabasePath);
-    platform::install<platform::Paths>(paths_.get());
-    platform::install<platform::Clock>(&clock_);
-    platform::install<platform::ProcessorStats>(cpu_.get());
-    platform::install<platform::InterfaceStats>(net_.get());
-    platform::install<platform::Volumes>(volumes_.get());
-    platform::install<platform::HistoryService>(history_.get());
-    platform::install<platform::ModuleManager>(&modules_);
+    platform::testing::install<platform::Paths>(paths_.get());
+    platform::testing::install<platform::Clock>(&clock_);
+    platform::testing::install<platform::ProcessorStats>(cpu_.get());
+    platform::testing::install<platform::InterfaceStats>(net_.get());
+    platform::testing::install<platform::Volumes>(volumes_.get());
+    platform::testing::install<platform::HistoryService>(history_.get());
+    platform::testing::install<platform::ModuleManager>(&modules_);
     hubwarden::create_services_table();
   }
   ~Host() {
-    platform::install<platform::HistoryService>(nullptr);
-    platform::install<platform::ModuleManager>(nullptr);
-    platform::install<platform::Volumes>(nullptr);
-    platform::install<platform::InterfaceStats>(nullptr);
-    platform::install<platform::ProcessorStats>(nullptr);
-    platform::install<platform::Clock>(nullptr);
-    platform::install<platform::Paths>(nullptr);
+    platform::testing::install<platform::HistoryService>(nullptr);
+    platform::testing::install<platform::ModuleManager>(nullptr);
+    platform::testing::install<platform::Volumes>(nullptr);
+    platform::testing::install<platform::InterfaceStats>(nullptr);
+    platform::testing::install<platform::ProcessorStats>(nullptr);
+    platform::testing::install<platform::Clock>(nullptr);
+    platform::testing::install<platform::Paths>(nullptr);
     history_.reset();
     std::filesystem::remove_all(dir_);
   }

@@ -62,11 +62,11 @@ int main(int argc, char** argv) {
   SleepingProcesses crowd(kExtraProcesses);
   std::printf("extra sleeping processes: %zu\n", crowd.size());
   auto table = platform::make_proc_process_table();
-  platform::install<platform::ProcessTable>(table.get());
+  platform::testing::install<platform::ProcessTable>(table.get());
 
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  platform::install<platform::ProcessTable>(nullptr);
+  platform::testing::install<platform::ProcessTable>(nullptr);
 
   auto time_of = [&reporter](const char* name) {
     auto it = reporter.seconds.find(name);

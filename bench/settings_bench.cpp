@@ -116,16 +116,16 @@ void run_fakes(benchmark::State& state, Command command) {
   modules.set_module_names(names);
   platform::FakeServiceManager jobs;
   platform::FakeDirectory directory;
-  platform::install<platform::ModuleManager>(&modules);
-  platform::install<platform::ServiceManager>(&jobs);
-  platform::install<platform::Directory>(&directory);
+  platform::testing::install<platform::ModuleManager>(&modules);
+  platform::testing::install<platform::ServiceManager>(&jobs);
+  platform::testing::install<platform::Directory>(&directory);
 
   Dict context{{"info", Dict{{"computerName", "Hub"}, {"localcastName", "hub"}}}};
   run(state, command, &context);
 
-  platform::install<platform::ModuleManager>(nullptr);
-  platform::install<platform::ServiceManager>(nullptr);
-  platform::install<platform::Directory>(nullptr);
+  platform::testing::install<platform::ModuleManager>(nullptr);
+  platform::testing::install<platform::ServiceManager>(nullptr);
+  platform::testing::install<platform::Directory>(nullptr);
 }
 
 void run_linux(benchmark::State& state, Command command, bool sandbox) {
@@ -150,15 +150,15 @@ void run_linux(benchmark::State& state, Command command, bool sandbox) {
   state.counters["modules"] = static_cast<double>(service_modules.size());
   for (auto& module : service_modules) modules.add_module(std::move(module));
   platform::FakeDirectory directory;
-  platform::install<platform::ModuleManager>(&modules);
-  platform::install<platform::ServiceManager>(manager.get());
-  platform::install<platform::Directory>(&directory);
+  platform::testing::install<platform::ModuleManager>(&modules);
+  platform::testing::install<platform::ServiceManager>(manager.get());
+  platform::testing::install<platform::Directory>(&directory);
 
   run(state, command, &context);
 
-  platform::install<platform::ModuleManager>(nullptr);
-  platform::install<platform::ServiceManager>(nullptr);
-  platform::install<platform::Directory>(nullptr);
+  platform::testing::install<platform::ModuleManager>(nullptr);
+  platform::testing::install<platform::ServiceManager>(nullptr);
+  platform::testing::install<platform::Directory>(nullptr);
 }
 
 void BM_ReadSettings_Fakes(benchmark::State& state) { run_fakes(state, Command::kReadSettings); }

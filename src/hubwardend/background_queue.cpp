@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "hubwardend/requester.h"
 #include "platform/log.h"
 
 namespace hubwardend {
@@ -25,6 +26,12 @@ ThreadBackgroundQueue::~ThreadBackgroundQueue() {
 
 void ThreadBackgroundQueue::dispatch(std::function<void()> work) {
   if (!work) return;
+  if (std::optional<std::string> user = scoped_user()) {
+    work = [user = std::move(*user), inner = std::move(work)] {
+      ScopedUser as(user);
+      inner();
+    };
+  }
   std::lock_guard<std::mutex> lock(mu_);
   queued_.push_back(std::move(work));
   // A new thread only when every existing one is busy.

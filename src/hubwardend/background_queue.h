@@ -1,6 +1,8 @@
 // The host's background work queue: work dispatched by the module (the
 // interface refresh, host name checks, time synchronisation) runs on a small
-// pool of worker threads, concurrently with later calls. The host waits for
+// pool of worker threads, concurrently with later calls. Work runs as the
+// user of the call that dispatched it (its ScopedUser), so that what it does
+// on a requester's behalf is still checked as that requester's. The host waits for
 // the queue to drain before it stores the context and before it exits, so
 // no work is cut off half way. Safe from any thread; work may dispatch more
 // work.
@@ -25,7 +27,8 @@ class ThreadBackgroundQueue : public platform::BackgroundQueue {
   ThreadBackgroundQueue(const ThreadBackgroundQueue&) = delete;
   ThreadBackgroundQueue& operator=(const ThreadBackgroundQueue&) = delete;
 
-  // Queues work; a worker starts it as soon as one is free. Exceptions
+  // Queues work, to run under the dispatching thread's requesting user; a
+  // worker starts it as soon as one is free. Exceptions
   // escaping work are caught and logged, never rethrown.
   void dispatch(std::function<void()> work) override;
 

@@ -212,7 +212,13 @@ int run_cli(const std::vector<std::string>& args, std::istream& in, std::ostream
   bool marked_dirty = false;
   std::string output;
   {
-    Host host(options.root, options.user.value_or(running_user_name()), &context);
+    HostOptions host_options;
+    host_options.root = options.root;
+    host_options.default_user = options.user.value_or("");
+    host_options.context = &context;
+    std::unique_ptr<Host> started = Host::start(host_options, &error);
+    if (!started) return fail(err, error);
+    Host& host = *started;
     HostModuleManager& modules = host.modules();
     const std::string& user = host.default_user();
     if (options.command == "request") {

@@ -2,11 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "hubwardend/background_queue.h"
 #include "hubwardend/requester.h"
+#include "platform/fake/fake_process_table.h"
+#include "platform/linux/basics_test_support.h"
+#include "platform/registry.h"
+#include "platform/sleeper.h"
 
 namespace hubwardend {
 namespace {
@@ -36,7 +43,8 @@ TEST(ModuleManagerTest, ContextHandedBackUnderAnotherNameIsUnlocked) {
   bool timed_out = true;
   ASSERT_EQ(manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out), &context);
   EXPECT_FALSE(timed_out);
-  EXPECT_EQ(fd, -1);
+  EXPECT_GT(fd, 0) << "the lease's ticket";
+  const int ticket = fd;
   EXPECT_FALSE(manager.context_marked_dirty());
 
   // While this thread holds the context, background work has to wait.
@@ -52,7 +60,13 @@ TEST(ModuleManagerTest, ContextHandedBackUnderAnotherNameIsUnlocked) {
   });
   std::this_thread::sleep_for(50ms);
   EXPECT_FALSE(got);
+  // A hand-back naming some other ticket releases nothing of this holder's.
+  int stranger = ticket + 1000;
+  manager.set_and_unlock_context(&context, kInfoModuleName, &stranger);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(got) << "a lock taken by someone else was released";
   manager.set_and_unlock_context(&context, "hubwardn_info", &fd);  // the module's spelling
+  EXPECT_EQ(fd, -1);
   queue.wait_until_idle();
   EXPECT_TRUE(got) << "the lock was released although the name differs";
   EXPECT_TRUE(context.find("refreshed"));
@@ -95,6 +109,70 @@ TEST(ModuleManagerTest, LockIsReentrantForItsHolderAndTimesOutForOthers) {
   EXPECT_EQ(manager.get_and_lock_context("hubwarden_dns", &fd, &timed_out), nullptr);
 }
 
+// A pause that lasts until the test lets it go: a listProcesses that is
+// still sampling.
+class GatedSleeper : public platform::Sleeper {
+ public:
+  void sleep_for(double) override {
+    std::unique_lock<std::mutex> lock(mu_);
+    ++sleeping_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_; });
+  }
+  bool wait_for_sleepers(int n) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return changed_.wait_for(lock, 10s, [&] { return sleeping_ >= n; });
+  }
+  void open() {
+    std::lock_guard<std::mutex> lock(mu_);
+    open_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable changed_;
+  int sleeping_ = 0;
+  bool open_ = false;
+};
+
+TEST(ModuleManagerTest, PausedReadingRequestsHoldNoOneUpAndTheirChangesAreMerged) {
+  platform::testing::ScratchRoot root;
+  platform::FakeProcessTable table;
+  table.add(1, "init");
+  GatedSleeper sleeper;
+  platform::testing::ScopedService<platform::ProcessTable> installed_table(&table);
+  platform::testing::ScopedService<platform::Sleeper> installed_sleeper(&sleeper);
+
+  plist::Dict context{{"kept", "as it was"}};
+  HostModuleManager manager(&context, 2s);
+  std::vector<std::thread> listings;
+  for (int i = 0; i < 2; ++i)
+    listings.emplace_back([&] { manager.process_request(plist::Dict{{"command", "listProcesses"}}, "admin"); });
+  ASSERT_TRUE(sleeper.wait_for_sleepers(2));
+
+  // Both listings are paused; the context is free for everyone else.
+  std::optional<plist::Dict> state = manager.process_request(plist::Dict{{"command", "getState"}}, "admin");
+  ASSERT_TRUE(state);
+  int fd = 0;
+  bool timed_out = false;
+  plist::Dict* taken = manager.get_and_lock_context(kInfoModuleName, &fd, &timed_out);
+  EXPECT_EQ(taken, &context) << "a paused reading request holds the context lock";
+  if (taken) manager.set_and_unlock_context(taken, kInfoModuleName, &fd);
+  sleeper.open();
+  for (auto& t : listings) t.join();
+
+  // getState ran on a copy and took new meter readings; they were merged
+  // back, and the rest of the context is untouched.
+  EXPECT_EQ(*context.find_string("kept"), "as it was");
+  EXPECT_GT(context.size(), 1u);
+  std::optional<plist::Dict> stored = manager.take_dirty_context();
+  ASSERT_TRUE(stored);
+  EXPECT_FALSE(stored->contains("contextDirty"));
+  EXPECT_EQ(*stored, context);
+  EXPECT_FALSE(manager.take_dirty_context()) << "nothing changed since the last take";
+}
+
 TEST(ModuleManagerTest, CommandsGoToRegisteredModules) {
   plist::Dict context;
   HostModuleManager manager(&context);
@@ -128,6 +206,27 @@ TEST(RequesterTest, UserIsPerThreadAndNested) {
   }
   EXPECT_EQ(requester.user_for(nullptr), "daemon");
   EXPECT_FALSE(running_user_name().empty());
+}
+
+TEST(BackgroundQueueTest, WorkRunsAsTheUserWhoQueuedIt) {
+  HostRequester requester("daemon");
+  ThreadBackgroundQueue queue(1);
+  std::mutex mu;
+  std::vector<std::string> seen;
+  auto record = [&] {
+    std::lock_guard<std::mutex> lock(mu);
+    seen.push_back(requester.user_for(nullptr));
+  };
+  {
+    ScopedUser as("monitor");
+    queue.dispatch(record);
+    // Work queued by work keeps the original requester.
+    queue.dispatch([&] { queue.dispatch(record); });
+  }
+  queue.dispatch(record);
+  queue.wait_until_idle();
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::string>{"daemon", "monitor", "monitor"}));
 }
 
 TEST(BackgroundQueueTest, WaitCoversWorkQueuedByWork) {

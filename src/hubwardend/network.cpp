@@ -1,4 +1,5 @@
-// Interface snapshot from getifaddrs; reverse lookups with deadlines.
+// Interface snapshot from getifaddrs; name lookups on the resolver pool,
+// cached.
 #include "hubwardend/network.h"
 
 #include <arpa/inet.h>
@@ -92,39 +93,6 @@ bool parse_address(const std::string& text, sockaddr_storage* storage, socklen_t
   return false;
 }
 
-// Runs the jobs on threads of their own and collects the answers that come
-// in before the deadline. Late threads finish against the shared state,
-// which they keep alive, and their answers are dropped.
-std::vector<std::optional<std::vector<std::string>>> run_with_deadline(
-    std::vector<std::function<std::vector<std::string>()>> jobs, std::chrono::steady_clock::time_point deadline) {
-  struct Shared {
-    std::mutex mu;
-    std::condition_variable done;
-    std::vector<std::optional<std::vector<std::string>>> answers;
-    size_t remaining = 0;
-  };
-  auto shared = std::make_shared<Shared>();
-  shared->answers.resize(jobs.size());
-  shared->remaining = jobs.size();
-  for (size_t i = 0; i < jobs.size(); ++i) {
-    try {
-      std::thread([shared, i, job = std::move(jobs[i])] {
-        std::vector<std::string> answer = job();
-        std::lock_guard<std::mutex> lock(shared->mu);
-        shared->answers[i] = std::move(answer);
-        if (--shared->remaining == 0) shared->done.notify_all();
-      }).detach();
-    } catch (const std::system_error&) {
-      // No thread to be had: this answer is simply unknown.
-      std::lock_guard<std::mutex> lock(shared->mu);
-      --shared->remaining;
-    }
-  }
-  std::unique_lock<std::mutex> lock(shared->mu);
-  shared->done.wait_until(lock, deadline, [&] { return shared->remaining == 0; });
-  return shared->answers;
-}
-
 std::chrono::steady_clock::time_point deadline_after(double seconds) {
   if (!(seconds > 0)) seconds = 0;
   if (seconds > 3600) seconds = 3600;
@@ -147,8 +115,98 @@ std::optional<std::string> default_route_interface(const std::string& route_tabl
   return std::nullopt;
 }
 
+std::vector<std::string> system_name_lookup(const std::optional<std::string>& address) {
+  std::vector<std::string> names;
+  if (!address) {
+    char host[256] = {};
+    if (gethostname(host, sizeof host - 1) != 0 || host[0] == '\0') return names;
+    names.push_back(host);
+    struct addrinfo hints {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_flags = AI_CANONNAME;
+    struct addrinfo* result = nullptr;
+    if (getaddrinfo(host, nullptr, &hints, &result) == 0) {
+      if (result && result->ai_canonname && names.front() != result->ai_canonname)
+        names.push_back(result->ai_canonname);
+      freeaddrinfo(result);
+    }
+    return names;
+  }
+  sockaddr_storage storage;
+  socklen_t length = 0;
+  if (!parse_address(*address, &storage, &length)) return names;
+  if (std::optional<std::string> name = reverse_lookup(reinterpret_cast<const sockaddr*>(&storage), length))
+    names.push_back(*name);
+  return names;
+}
+
+struct LinuxNetwork::Lookups {
+  std::mutex mu;
+  std::condition_variable answered;
+  std::map<std::string, Cached> cache;                                   // guarded by mu
+  std::map<std::string, std::chrono::steady_clock::time_point> pending;  // key -> given up at; guarded by mu
+};
+
+LinuxNetwork::LinuxNetwork(NetworkOptions options)
+    : options_(std::move(options)),
+      lookups_(std::make_shared<Lookups>()),
+      pool_(std::make_unique<ResolverPool>(options_.resolver_threads, options_.max_queued_lookups)) {}
+
 LinuxNetwork::LinuxNetwork(std::string route_file, std::chrono::milliseconds lookup_deadline)
-    : route_file_(std::move(route_file)), lookup_deadline_(lookup_deadline) {}
+    : LinuxNetwork(NetworkOptions{.route_file = std::move(route_file), .lookup_deadline = lookup_deadline}) {}
+
+std::map<std::string, std::vector<std::string>> LinuxNetwork::names_for(
+    const std::vector<std::string>& keys, std::chrono::steady_clock::time_point deadline) {
+  using Clock = std::chrono::steady_clock;
+  std::map<std::string, std::vector<std::string>> answers;
+  std::vector<std::string> wanted;
+  Clock::time_point now = Clock::now();
+  // A refresh nobody waits for may start a little later than a lookup a
+  // caller waits for, but not so late that its answer is out of date again.
+  Clock::time_point start_by = options_.answer_from_cache ? now + options_.lookup_deadline : deadline;
+  {
+    std::lock_guard<std::mutex> lock(lookups_->mu);
+    for (const std::string& key : keys) {
+      auto cached = lookups_->cache.find(key);
+      if (cached != lookups_->cache.end()) {
+        if (cached->second.expires > now) {
+          answers[key] = cached->second.names;
+          continue;
+        }
+        if (options_.answer_from_cache) answers[key] = cached->second.names;
+      }
+      wanted.push_back(key);
+      auto pending = lookups_->pending.find(key);
+      if (pending != lookups_->pending.end() && pending->second > now) continue;  // already on its way
+      lookups_->pending[key] = start_by;
+      NameLookup lookup = options_.lookup ? options_.lookup : NameLookup(system_name_lookup);
+      std::chrono::seconds lifetime = options_.cache_lifetime;
+      auto job = [shared = lookups_, lookup = std::move(lookup), key, lifetime] {
+        std::vector<std::string> names = lookup(key.empty() ? std::nullopt : std::optional<std::string>(key));
+        std::lock_guard<std::mutex> done(shared->mu);
+        shared->cache[key] = Cached{std::move(names), Clock::now() + lifetime};
+        shared->pending.erase(key);
+        shared->answered.notify_all();
+      };
+      if (!pool_->submit(std::move(job), start_by)) lookups_->pending.erase(key);
+    }
+  }
+  if (options_.answer_from_cache || wanted.empty()) return answers;
+
+  std::unique_lock<std::mutex> lock(lookups_->mu);
+  auto fresh = [&](const std::string& key) {
+    auto cached = lookups_->cache.find(key);
+    return cached != lookups_->cache.end() && cached->second.expires > Clock::now();
+  };
+  lookups_->answered.wait_until(lock, deadline, [&] {
+    for (const std::string& key : wanted)
+      if (!fresh(key)) return false;
+    return true;
+  });
+  for (const std::string& key : wanted)
+    if (fresh(key)) answers[key] = lookups_->cache[key].names;
+  return answers;
+}
 
 plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
   std::set<std::string> unnamable;
@@ -161,27 +219,23 @@ plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
                             "\" out of the interface list: name is not UTF-8");
   }
   std::optional<std::string> primary;
-  if (std::optional<std::string> table = platform::read_file(route_file_)) primary = default_route_interface(*table);
+  if (std::optional<std::string> table = platform::read_file(options_.route_file))
+    primary = default_route_interface(*table);
 
   std::vector<std::string> dns(addresses.size());
   if (complete) {
-    std::vector<std::function<std::vector<std::string>()>> jobs;
-    for (const Address& a : addresses)
-      jobs.push_back([a] {
-        std::optional<std::string> name = reverse_lookup(reinterpret_cast<const sockaddr*>(&a.storage), a.length);
-        return name ? std::vector<std::string>{*name} : std::vector<std::string>{};
-      });
-    auto answers = run_with_deadline(std::move(jobs), std::chrono::steady_clock::now() + lookup_deadline_);
-    std::lock_guard<std::mutex> lock(mu_);
-    for (size_t i = 0; i < addresses.size(); ++i) {
-      if (!answers[i]) continue;  // timed out: neither known nor known to be absent
-      dns[i] = answers[i]->empty() ? "" : answers[i]->front();
-      dns_names_[addresses[i].text] = dns[i];
-    }
-  } else {
-    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<std::string> keys;
+    for (const Address& a : addresses) keys.push_back(a.text);
+    auto names = names_for(keys, std::chrono::steady_clock::now() + options_.lookup_deadline);
     for (size_t i = 0; i < addresses.size(); ++i)
-      if (auto it = dns_names_.find(addresses[i].text); it != dns_names_.end()) dns[i] = it->second;
+      if (auto it = names.find(addresses[i].text); it != names.end() && !it->second.empty())
+        dns[i] = it->second.front();
+  } else {
+    // A quick gathering looks nothing up; it reuses earlier answers.
+    std::lock_guard<std::mutex> lock(lookups_->mu);
+    for (size_t i = 0; i < addresses.size(); ++i)
+      if (auto it = lookups_->cache.find(addresses[i].text); it != lookups_->cache.end() && !it->second.names.empty())
+        dns[i] = it->second.names.front();
   }
 
   plist::Array out;
@@ -204,36 +258,15 @@ plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
 
 std::vector<std::string> LinuxNetwork::host_names_for_address(const std::optional<std::string>& address,
                                                               double timeout_seconds) {
-  std::function<std::vector<std::string>()> job;
-  if (!address) {
-    job = [] {
-      std::vector<std::string> names;
-      char host[256] = {};
-      if (gethostname(host, sizeof host - 1) != 0 || host[0] == '\0') return names;
-      names.push_back(host);
-      struct addrinfo hints {};
-      hints.ai_family = AF_UNSPEC;
-      hints.ai_flags = AI_CANONNAME;
-      struct addrinfo* result = nullptr;
-      if (getaddrinfo(host, nullptr, &hints, &result) == 0) {
-        if (result && result->ai_canonname && names.front() != result->ai_canonname)
-          names.push_back(result->ai_canonname);
-        freeaddrinfo(result);
-      }
-      return names;
-    };
-  } else {
+  if (address) {
     sockaddr_storage storage;
     socklen_t length = 0;
     if (!parse_address(*address, &storage, &length)) return {};
-    job = [storage, length] {
-      std::optional<std::string> name = reverse_lookup(reinterpret_cast<const sockaddr*>(&storage), length);
-      return name ? std::vector<std::string>{*name} : std::vector<std::string>{};
-    };
   }
-  std::vector<std::function<std::vector<std::string>()>> jobs{std::move(job)};
-  auto answers = run_with_deadline(std::move(jobs), deadline_after(timeout_seconds));
-  return answers.front().value_or(std::vector<std::string>{});
+  std::string key = address.value_or("");
+  auto answers = names_for({key}, deadline_after(timeout_seconds));
+  auto it = answers.find(key);
+  return it == answers.end() ? std::vector<std::string>{} : it->second;
 }
 
 }  // namespace hubwardend

@@ -4,11 +4,16 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "platform/fake/fake_log.h"
@@ -69,8 +74,7 @@ TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
 TEST(NetworkTest, InterfacesWithNamesThatAreNotUtf8AreLeftOutAndLoggedOnce) {
   if (::geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";
   platform::FakeLog log;
-  platform::Log* previous = platform::slot<platform::Log>();
-  platform::install<platform::Log>(&log);
+  platform::testing::ScopedService<platform::Log> installed_log(&log);
   std::string route_file =
       (std::filesystem::temp_directory_path() / ("network-test-route-" + std::to_string(::getpid()))).string();
   std::ofstream(route_file) << "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\n"
@@ -95,7 +99,6 @@ TEST(NetworkTest, InterfacesWithNamesThatAreNotUtf8AreLeftOutAndLoggedOnce) {
     for (int i = 0; i < 2; ++i) snapshots.push_back(network.get_interfaces_info(false));
   }).join();
   std::filesystem::remove(route_file);
-  platform::install<platform::Log>(previous);
   if (!skip.empty()) GTEST_SKIP() << skip;
   ASSERT_EQ(error, "");
 
@@ -124,6 +127,102 @@ TEST(NetworkTest, HostNamesOfThisHostAndOfAddresses) {
   network.host_names_for_address(std::string("127.0.0.1"), 0.0);
   network.host_names_for_address(std::string("::1"), -1.0);
   network.host_names_for_address(std::nullopt, 1e300);
+}
+
+// A resolver that hangs until the test lets it go, counting the lookups
+// that run at once. Shared, since lookups outlive the network that started
+// them when they hang.
+struct HangingResolver {
+  std::mutex mu;
+  std::condition_variable changed;
+  bool released = false;
+  int running = 0;
+  int most_at_once = 0;
+  int calls = 0;
+
+  std::vector<std::string> lookup(const std::optional<std::string>& address) {
+    std::unique_lock<std::mutex> lock(mu);
+    ++calls;
+    most_at_once = std::max(most_at_once, ++running);
+    changed.notify_all();
+    changed.wait_for(lock, std::chrono::seconds(30), [&] { return released; });
+    --running;
+    changed.notify_all();
+    return {address ? "name-of-" + *address : std::string("this-host")};
+  }
+  void release() {
+    std::lock_guard<std::mutex> lock(mu);
+    released = true;
+    changed.notify_all();
+  }
+  bool wait_until(const std::function<bool()>& done) {
+    std::unique_lock<std::mutex> lock(mu);
+    return changed.wait_for(lock, std::chrono::seconds(10), done);
+  }
+};
+
+NetworkOptions options_with(const std::shared_ptr<HangingResolver>& resolver, bool long_running) {
+  NetworkOptions options;
+  options.answer_from_cache = long_running;
+  options.lookup_deadline = std::chrono::milliseconds(200);
+  options.max_queued_lookups = 8;
+  options.lookup = [resolver](const std::optional<std::string>& address) { return resolver->lookup(address); };
+  return options;
+}
+
+TEST(NetworkTest, HangingResolverHoldsNoCallerAndAtMostThePoolsThreads) {
+  auto resolver = std::make_shared<HangingResolver>();
+  LinuxNetwork network(options_with(resolver, /*long_running=*/true));
+
+  // The daemon answers from the cache at once, however many lookups hang.
+  auto started = std::chrono::steady_clock::now();
+  for (int i = 0; i < 100; ++i)
+    EXPECT_TRUE(network.host_names_for_address("10.0.0." + std::to_string(i), 10.0).empty());
+  EXPECT_TRUE(network.host_names_for_address(std::nullopt, 10.0).empty());
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+  ASSERT_TRUE(resolver->wait_until([&] { return resolver->running == 4; }));
+  EXPECT_LE(resolver->most_at_once, 4) << "lookups beyond the pool's threads started";
+
+  // Once the resolver answers, the answers come from the cache; what could
+  // not start before its deadline was dropped, not run late.
+  resolver->release();
+  ASSERT_TRUE(resolver->wait_until([&] { return resolver->running == 0; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_LE(resolver->calls, 4 + 8);
+  EXPECT_EQ(network.host_names_for_address("10.0.0.0", 10.0), std::vector<std::string>{"name-of-10.0.0.0"});
+  std::vector<std::string> self;
+  for (int i = 0; i < 50 && self.empty(); ++i) {
+    self = network.host_names_for_address(std::nullopt, 10.0);
+    if (self.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(self, std::vector<std::string>{"this-host"}) << "a dropped lookup is asked for again";
+}
+
+TEST(NetworkTest, OneShotHostWaitsForAHangingResolverOnlyUntilTheDeadline) {
+  auto resolver = std::make_shared<HangingResolver>();
+  {
+    LinuxNetwork network(options_with(resolver, /*long_running=*/false));
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(network.host_names_for_address("192.0.2.1", 0.2).empty());
+    network.get_interfaces_info(true);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    resolver->release();
+    ASSERT_TRUE(resolver->wait_until([&] { return resolver->running == 0; }));
+    EXPECT_EQ(network.host_names_for_address("192.0.2.1", 5.0), std::vector<std::string>{"name-of-192.0.2.1"});
+  }
+  // The network is gone; a lookup still queued or running finishes against
+  // what it shares, never against freed memory (the sanitizers watch).
+  {
+    std::lock_guard<std::mutex> lock(resolver->mu);
+    resolver->released = false;
+  }
+  {
+    LinuxNetwork network(options_with(resolver, /*long_running=*/true));
+    network.host_names_for_address("192.0.2.2", 1.0);
+    ASSERT_TRUE(resolver->wait_until([&] { return resolver->running == 1; }));
+  }
+  resolver->release();
+  ASSERT_TRUE(resolver->wait_until([&] { return resolver->running == 0; }));
 }
 
 }  // namespace

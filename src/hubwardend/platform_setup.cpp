@@ -1,103 +1,164 @@
-// What the host installs, and in which order.
+// What the host makes, in which order, and what it insists on.
 #include "hubwardend/platform_setup.h"
+
+#include <sys/stat.h>
 
 #include "hubwardend/history_store.h"
 #include "hubwardend/network.h"
+#include "hubwardend/reloadable_services.h"
 #include "hubwardend/service_modules.h"
-#include "hubwardend/tail_service.h"
 #include "platform/linux/basics.h"
 #include "platform/linux/directory_store.h"
+#include "platform/linux/host_config.h"
 #include "platform/linux/host_paths.h"
-#include "platform/linux/meters_linux.h"
+#include "platform/linux/job_map.h"
 #include "platform/linux/metered_interfaces.h"
+#include "platform/linux/meters_linux.h"
 #include "platform/linux/proc_process_table.h"
 #include "platform/linux/process_signals.h"
 #include "platform/linux/systemd_service_manager.h"
 #include "platform/log.h"
+#include "platform/paths.h"
 
 namespace hubwardend {
 
-template <typename Service, typename Impl>
-Impl* Host::own(std::unique_ptr<Impl> impl) {
-  Impl* raw = impl.get();
-  if (!raw) return nullptr;
-  Service* previous = platform::slot<Service>();
-  platform::install<Service>(raw);
-  uninstall_.push_back([previous] { platform::install<Service>(previous); });
-  owned_.push_back(std::shared_ptr<Impl>(std::move(impl)));
-  return raw;
+namespace {
+
+// The services the module cannot do without, by the names an administrator
+// reads in the refusal to start. The history and the service manager are
+// optional: the module answers without them.
+template <typename Service>
+void require(const platform::ServiceBundle& bundle, const char* name, std::optional<std::string>* missing) {
+  if (!*missing && !bundle.find<Service>()) *missing = name;
 }
 
-template <typename Service, typename Impl>
-void Host::own_shared(std::shared_ptr<Impl> impl) {
-  if (!impl) return;
-  Service* previous = platform::slot<Service>();
-  platform::install<Service>(impl.get());
-  uninstall_.push_back([previous] { platform::install<Service>(previous); });
-  owned_.push_back(std::move(impl));
+}  // namespace
+
+std::unique_ptr<Host> Host::start(const HostOptions& options, std::string* error) {
+  struct stat st;
+  if (stat(options.root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    *error = "root " + options.root + " is not a directory";
+    return nullptr;
+  }
+  std::unique_ptr<Host> host(new Host(options));
+  if (!host->published_) {
+    *error = "another host is already running in this process";
+    return nullptr;
+  }
+  host->add_services();
+  if (std::optional<std::string> missing = host->missing_service()) {
+    *error = "cannot start without the " + *missing + " service";
+    return nullptr;  // ~Host withdraws what was published
+  }
+  host->bundle_->seal();
+  return host;
 }
 
-Host::Host(const std::string& root, std::string default_user, plist::Dict* context) {
-  // The log first, so that the rest (the prefix table included) can report
-  // failures; syslog needs no file under the root.
-  own<platform::Log>(platform::make_syslog_log());
-  // Paths next: every later factory may resolve files under the root.
-  own<platform::Paths>(std::make_unique<platform::Paths>(root, platform::load_path_map(root)));
-
-  requester_ = own<platform::Requester>(std::make_unique<HostRequester>(std::move(default_user)));
-  modules_ = own<platform::ModuleManager>(std::make_unique<HostModuleManager>(context));
-  queue_ = own<platform::BackgroundQueue>(std::make_unique<ThreadBackgroundQueue>());
-  own<platform::Network>(std::make_unique<LinuxNetwork>());
-  own<platform::TailService>(std::make_unique<FileTailService>(load_log_sources()));
-
-  install_linux_services();
+Host::Host(const HostOptions& options) : options_(options), bundle_(std::make_unique<platform::ServiceBundle>()) {
+  // The log and the root are published first, alone: every later factory
+  // logs through them and finds its files under the root.
+  platform::ServiceBundle& b = *bundle_;
+  b.add<platform::Log>(platform::make_syslog_log());
+  published_ = platform::publish(bundle_.get());
 }
 
-void Host::install_linux_services() {
-  own<platform::Clock>(platform::make_system_clock());
-  own<platform::Tasks>(platform::make_process_tasks());
-  own<platform::HostInfo>(platform::make_linux_host_info());
-  own<platform::Hardware>(platform::make_linux_hardware());
-  own<platform::SystemConfiguration>(platform::make_linux_sysconfig());
-  own<platform::Directory>(platform::make_directory_store());
+void Host::add_services() {
+  platform::ServiceBundle& b = *bundle_;
+  paths_ =
+      b.add<platform::Paths>(std::make_unique<platform::Paths>(options_.root, platform::load_path_map(options_.root)));
+  const HostOptions& options = options_;
 
-  own<platform::ProcessorStats>(platform::make_proc_processor_stats());
-  own<platform::InterfaceStats>(platform::make_sysfs_interface_stats(platform::load_metered_interfaces()));
-  own<platform::Volumes>(platform::make_mount_volumes());
-  own<platform::ProcessTable>(platform::make_proc_process_table());
+  std::string user = options.default_user.empty() ? running_user_name() : options.default_user;
+  requester_ = b.add<platform::Requester>(std::make_unique<HostRequester>(std::move(user)));
+  modules_ = b.add<platform::ModuleManager>(std::make_unique<HostModuleManager>(options.context));
+  queue_ = b.add<platform::BackgroundQueue>(std::make_unique<ThreadBackgroundQueue>());
+  NetworkOptions network;
+  network.answer_from_cache = options.long_running;
+  b.add<platform::Network>(std::make_unique<LinuxNetwork>(std::move(network)));
+  if (options.run_loop) b.add_borrowed<platform::RunLoop>(options.run_loop);
+
+  tail_ = b.add<platform::TailService>(std::make_unique<ReloadableTailService>(load_log_sources()));
+  b.add<platform::Clock>(platform::make_system_clock());
+  b.add<platform::Tasks>(platform::make_process_tasks());
+  b.add<platform::HostInfo>(platform::make_linux_host_info());
+  b.add<platform::Hardware>(platform::make_linux_hardware());
+  b.add<platform::SystemConfiguration>(platform::make_linux_sysconfig());
+  b.add<platform::Directory>(platform::make_directory_store());
+
+  b.add<platform::ProcessorStats>(platform::make_proc_processor_stats());
+  interfaces_ =
+      b.add<platform::InterfaceStats>(std::make_unique<ReloadableInterfaceStats>(platform::load_metered_interfaces()));
+  b.add<platform::Volumes>(platform::make_mount_volumes());
+  b.add<platform::ProcessTable>(platform::make_proc_process_table());
   // A host on a sandbox root may signal only the processes it started.
-  if (platform::get<platform::Paths>().is_real_root())
-    own<platform::ProcessSignals>(platform::make_linux_process_signals());
+  if (paths_ && paths_->is_real_root())
+    b.add<platform::ProcessSignals>(platform::make_linux_process_signals());
   else
-    own<platform::ProcessSignals>(platform::make_sandbox_process_signals());
+    b.add<platform::ProcessSignals>(platform::make_sandbox_process_signals());
 
   std::string history_error;
   auto history = open_history_store(platform::resolve(kHistoryDatabasePath), {}, &history_error);
   if (history)
-    own<platform::HistoryService>(std::move(history));
+    b.add<platform::HistoryService>(std::move(history));
   else
     platform::log_error("hubwardend: no load history: " + history_error);
 
   // One service manager serves the module's job switches and, as the unit
   // inspector, the host's service modules.
-  std::shared_ptr<platform::SystemdServiceManager> services = platform::make_shared_systemd_service_manager();
-  if (services) {
-    own_shared<platform::ServiceManager>(services);
-    for (auto& module : load_service_modules(services->host_service_map(), services))
+  services_ = platform::make_shared_systemd_service_manager();
+  if (services_) {
+    b.add<platform::ServiceManager>(services_);
+    for (auto& module : load_service_modules(services_->host_service_map(), services_))
       modules_->add_module(std::move(module));
   }
+}
 
-  // Further Linux services are installed here, one line each, in the order
-  // they depend on each other (process table, ...).
+std::optional<std::string> Host::missing_service() const {
+  const platform::ServiceBundle& b = *bundle_;
+  std::optional<std::string> missing;
+  require<platform::Log>(b, "system log", &missing);
+  require<platform::Paths>(b, "path table", &missing);
+  require<platform::Requester>(b, "requester", &missing);
+  require<platform::ModuleManager>(b, "module manager", &missing);
+  require<platform::BackgroundQueue>(b, "background queue", &missing);
+  require<platform::Network>(b, "network", &missing);
+  require<platform::TailService>(b, "log tail", &missing);
+  require<platform::Clock>(b, "clock", &missing);
+  require<platform::Tasks>(b, "task launcher", &missing);
+  require<platform::HostInfo>(b, "host information", &missing);
+  require<platform::Hardware>(b, "hardware", &missing);
+  require<platform::SystemConfiguration>(b, "system configuration", &missing);
+  require<platform::Directory>(b, "directory", &missing);
+  require<platform::ProcessorStats>(b, "processor statistics", &missing);
+  require<platform::InterfaceStats>(b, "interface counters", &missing);
+  require<platform::Volumes>(b, "volumes", &missing);
+  require<platform::ProcessTable>(b, "process table", &missing);
+  require<platform::ProcessSignals>(b, "process signals", &missing);
+  if (options_.run_loop) require<platform::RunLoop>(b, "run loop", &missing);
+  return missing;
+}
+
+std::optional<std::string> Host::reload_configuration() {
+  // Check the administrator's file before anything changes, so that a
+  // broken edit leaves the running configuration whole.
+  std::string error;
+  std::string admin_file = paths_->resolve(platform::kHostConfigPath);
+  platform::read_host_config(admin_file, &error);
+  if (!error.empty()) return "host configuration " + admin_file + ": " + error;
+
+  paths_->replace_prefixes(platform::load_path_map(options_.root));
+  tail_->reload(load_log_sources());
+  interfaces_->reload(platform::load_metered_interfaces());
+  if (services_) modules_->replace_service_modules(load_service_modules(platform::load_host_service_map(), services_));
+  platform::log_notice("hubwardend: host configuration reloaded");
+  return std::nullopt;
 }
 
 Host::~Host() {
   // Background work still uses the services; let it finish first.
   if (queue_) queue_->wait_until_idle();
-  for (auto it = uninstall_.rbegin(); it != uninstall_.rend(); ++it) (*it)();
-  // Free in reverse order of creation: the queue's workers go before the
-  // services they might still reference.
-  while (!owned_.empty()) owned_.pop_back();
+  if (published_) platform::withdraw(bundle_.get());
+  bundle_.reset();  // the last made goes first
 }
 
 }  // namespace hubwardend

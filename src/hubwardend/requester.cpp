@@ -35,6 +35,11 @@ std::string running_user_name() {
   return std::to_string(uid);
 }
 
+std::optional<std::string> scoped_user() {
+  if (!tCurrentUser) return std::nullopt;
+  return *tCurrentUser;
+}
+
 std::string HostRequester::user_for(const plist::Dict*) { return tCurrentUser ? *tCurrentUser : default_user_; }
 
 ScopedUser::ScopedUser(const std::string& user) : user_(user), previous_(tCurrentUser) { tCurrentUser = &user_; }

@@ -1,10 +1,13 @@
 // Who the host is running a call for. The host names the requesting user
 // around each request or idle pass with a ScopedUser; the module asks for it
 // through platform::Requester (do_get_user). The name is kept per thread,
-// so concurrent calls on different threads each see their own user; a thread
-// outside any call (background work) sees the host's default user.
+// so concurrent calls on different threads each see their own user. Work
+// a call queues in the background carries the call's user with it
+// (background_queue.h); a thread outside any call sees the host's default
+// user.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/host_services.h"
@@ -28,6 +31,10 @@ class HostRequester : public platform::Requester {
  private:
   const std::string default_user_;
 };
+
+// The user named by the innermost ScopedUser on this thread; nullopt
+// outside any.
+std::optional<std::string> scoped_user();
 
 // Names user as the requester on this thread until destroyed; nests.
 class ScopedUser {

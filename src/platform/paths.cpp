@@ -89,16 +89,29 @@ std::string PathMap::map(std::string_view absolute_path) const {
 
 Paths::Paths(std::string root) : Paths(std::move(root), PathMap()) {}
 
-Paths::Paths(std::string root, PathMap prefixes) : root_(std::move(root)), prefixes_(std::move(prefixes)) {
+Paths::Paths(std::string root, PathMap prefixes)
+    : root_(std::move(root)), prefixes_(std::make_shared<const PathMap>(std::move(prefixes))) {
   while (!root_.empty() && root_.back() == '/') root_.pop_back();
 }
 
+std::shared_ptr<const PathMap> Paths::current_prefixes() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return prefixes_;
+}
+
+void Paths::replace_prefixes(PathMap prefixes) {
+  auto replacement = std::make_shared<const PathMap>(std::move(prefixes));
+  std::lock_guard<std::mutex> lock(mu_);
+  prefixes_.swap(replacement);
+}
+
 std::string Paths::resolve(std::string_view absolute_path) const {
+  std::shared_ptr<const PathMap> prefixes = current_prefixes();
   std::string out = root_;
-  if (prefixes_.empty())
+  if (prefixes->empty())
     out.append(absolute_path);
   else
-    out.append(prefixes_.map(absolute_path));
+    out.append(prefixes->map(absolute_path));
   return out;
 }
 

@@ -3,9 +3,12 @@
 // and demos, and so that folders a Linux system does not have
 // ("/Library/Preferences", "/private/var/run", ...) land in the places a
 // Linux administrator looks for them ("/var/lib/hubwarden", "/run/hubwarden").
-// Immutable after installation; safe from any thread.
+// The root never changes; the prefix table may be replaced while the
+// host runs (a configuration reload). Safe from any thread.
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -53,15 +56,22 @@ class Paths {
 
   const std::string& root() const { return root_; }
   bool is_real_root() const { return root_.empty(); }
-  const PathMap& prefixes() const { return prefixes_; }
+  // A copy of the prefix table in effect.
+  PathMap prefixes() const { return *current_prefixes(); }
+  // Puts prefixes in effect for every later resolve(); a resolve() already
+  // running finishes with the table it started with.
+  void replace_prefixes(PathMap prefixes);
   // Returns the path of absolute_path under the root, after the prefix
   // table. The result never leaves the root for a path without ".."
   // components. REQUIRES: absolute_path begins with '/'.
   std::string resolve(std::string_view absolute_path) const;
 
  private:
+  std::shared_ptr<const PathMap> current_prefixes() const;
+
   std::string root_;  // without trailing '/'; empty for "/"
-  PathMap prefixes_;
+  mutable std::mutex mu_;
+  std::shared_ptr<const PathMap> prefixes_;  // guarded by mu_; never null
 };
 
 // Shorthand for get<Paths>().resolve(p).

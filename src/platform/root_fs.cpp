@@ -145,7 +145,7 @@ int open_in_root(int root_fd, std::string_view relative, int flags, unsigned mod
 }
 
 bool confined_to_root(const std::string& path, std::string* root, std::string* relative) {
-  const Paths* paths = slot<Paths>();
+  const Paths* paths = find<Paths>();
   if (paths == nullptr || paths->is_real_root()) return false;
   const std::string& r = paths->root();
   if (path.compare(0, r.size(), r) != 0) return false;

@@ -116,7 +116,7 @@ TEST(RootFsTest, LinksResolveInsideTheRootInBothLookups) {
   EXPECT_TRUE(confined_to_root(root.path("//etc/hostname"), &found_root, &rest));
   EXPECT_EQ(rest, "etc/hostname");
   EXPECT_FALSE(confined_to_root(root.path("") + "x/etc/hostname", &found_root, &rest)) << "a sibling, not below";
-  install<Paths>(nullptr);
+  testing::ScopedService<Paths> no_root(nullptr);
   EXPECT_EQ(outcome_of(open_confined(root.path("/var/log/escape"), O_RDONLY)), identity(outside.secret()));
   RealRoot real;
   EXPECT_EQ(outcome_of(open_confined(root.path("/var/log/escape"), O_RDONLY)), identity(outside.secret()));

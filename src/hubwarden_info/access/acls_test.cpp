@@ -28,18 +28,8 @@ plist::Array names_of(std::initializer_list<const char*> names) {
 
 class AclsTest : public ::testing::Test {
  protected:
-  AclsTest() {
-    platform::install<platform::Directory>(&directory);
-    platform::install<platform::Log>(&log);
-    platform::install<platform::Requester>(&requester);
-    reset_acl_name_caches_for_testing();
-  }
-  ~AclsTest() override {
-    platform::install<platform::Directory>(nullptr);
-    platform::install<platform::Log>(nullptr);
-    platform::install<platform::Requester>(nullptr);
-    reset_acl_name_caches_for_testing();
-  }
+  AclsTest() { reset_acl_name_caches_for_testing(); }
+  ~AclsTest() override { reset_acl_name_caches_for_testing(); }
   std::optional<Array> sacls(const char* user, bool search = true) {
     Value name(user);
     return sacls_for_user(&name, nullptr, search);
@@ -56,6 +46,9 @@ class AclsTest : public ::testing::Test {
   FakeDirectory directory;
   platform::FakeLog log;
   testing::FixedRequester requester{"alice"};
+  testing::Installed<platform::Directory> installed_directory{&directory};
+  testing::Installed<platform::Log> installed_log{&log};
+  testing::Installed<platform::Requester> installed_requester{&requester};
 };
 
 TEST_F(AclsTest, NameListsFollowTheFilesAndAreBuiltOnce) {

@@ -72,15 +72,6 @@ inline std::vector<std::string> keys_of(const plist::Dict& d) {
 
 // Installs impl for the scope and restores what was there before.
 template <typename Service>
-class Installed {
- public:
-  explicit Installed(Service* impl) : previous_(platform::slot<Service>()) { platform::install<Service>(impl); }
-  ~Installed() { platform::install<Service>(previous_); }
-  Installed(const Installed&) = delete;
-  Installed& operator=(const Installed&) = delete;
-
- private:
-  Service* previous_;
-};
+using Installed = platform::testing::ScopedService<Service>;
 
 }  // namespace hubwarden::testing

@@ -24,11 +24,13 @@
 
 namespace hubwarden {
 
-std::atomic<std::shared_mutex*> gPrefsFileLock{nullptr};
+// Made when the module is loaded: requests served before the first idle
+// pass write the file too, and must not do so unguarded.
+std::atomic<std::shared_mutex*> gPrefsFileLock{new std::shared_mutex};
 
 void create_settings_lock() {
-  // Only pass zero creates the lock and the daemon never runs two passes at
-  // once, but a compare-exchange keeps a stray second caller harmless.
+  // Requests on several threads may race to make it (after a test reset);
+  // the compare-exchange leaves exactly one.
   if (gPrefsFileLock.load()) return;
   auto* lock = new std::shared_mutex;  // kept for the life of the process
   std::shared_mutex* expected = nullptr;
@@ -44,16 +46,15 @@ void reset_settings_lock_for_testing() {
 
 namespace {
 
-// Lock sections that do nothing while the lock does not exist yet, so that
-// requests served before the first idle pass still work.
+std::shared_mutex* settings_lock() {
+  create_settings_lock();
+  return gPrefsFileLock.load();
+}
+
 class ReaderSection {
  public:
-  ReaderSection() : lock_(gPrefsFileLock.load()) {
-    if (lock_) lock_->lock_shared();
-  }
-  ~ReaderSection() {
-    if (lock_) lock_->unlock_shared();
-  }
+  ReaderSection() : lock_(settings_lock()) { lock_->lock_shared(); }
+  ~ReaderSection() { lock_->unlock_shared(); }
   ReaderSection(const ReaderSection&) = delete;
   ReaderSection& operator=(const ReaderSection&) = delete;
 
@@ -63,12 +64,8 @@ class ReaderSection {
 
 class WriterSection {
  public:
-  WriterSection() : lock_(gPrefsFileLock.load()) {
-    if (lock_) lock_->lock();
-  }
-  ~WriterSection() {
-    if (lock_) lock_->unlock();
-  }
+  WriterSection() : lock_(settings_lock()) { lock_->lock(); }
+  ~WriterSection() { lock_->unlock(); }
   WriterSection(const WriterSection&) = delete;
   WriterSection& operator=(const WriterSection&) = delete;
 

@@ -4,8 +4,9 @@
 // Every call reads the whole file and the writers write it whole and
 // atomically; nothing is cached, so every read sees the last completed
 // write. Access is guarded by gPrefsFileLock (shared for the readers,
-// exclusive for the writers) once pass zero has made it; before that the
-// functions run without it. Missing or unparsable files read as no settings.
+// exclusive for the writers), which exists from the module's load on, so
+// requests served before the first idle pass are guarded as well. Missing
+// or unparsable files read as no settings.
 //
 // Other processes (a command-line run of the host beside the daemon) are
 // kept out by an advisory lock on kSettingsLockPath, taken inside
@@ -39,7 +40,8 @@ inline constexpr const char* kSettingsLockPath = "/Library/Preferences/com.marlo
 // runaway value that would make every later read and write slow.
 inline constexpr size_t kMaxSettingsFileBytes = 4 * 1024 * 1024;
 
-// Makes gPrefsFileLock if it does not exist yet (pass zero).
+// Makes gPrefsFileLock if it does not exist yet (after a test reset; pass
+// zero calls it too, harmlessly).
 void create_settings_lock();
 
 void write_settings_file(const plist::Dict& settings);
@@ -50,7 +52,7 @@ void overwrite_key_in_settings_file(const plist::Value& value, const std::string
 void update_keys_in_settings_file(const plist::Dict& changes);
 void update_key_in_settings_file(const plist::Dict& changes, const std::string& key);
 
-// Test hook: forgets the lock, as at load.
+// Test hook: forgets the lock; the next use makes a fresh one.
 void reset_settings_lock_for_testing();
 // Test hook: how long to wait for another process's lock (default 5 s).
 void set_settings_lock_timeout_for_testing(std::chrono::milliseconds timeout);

@@ -4,7 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
@@ -26,11 +28,10 @@ constexpr int kUpdatesPerThread = 150;
 
 class SettingsFileTest : public ::testing::Test {
  protected:
-  SettingsFileTest() : previous_log_(platform::slot<platform::Log>()) { platform::install<platform::Log>(&log_); }
+  SettingsFileTest() : installed_log_(&log_) {}
   ~SettingsFileTest() override {
     reset_settings_lock_for_testing();
     set_settings_lock_timeout_for_testing(platform::FileLock::kDefaultTimeout);
-    platform::install<platform::Log>(previous_log_);
   }
   std::string file() const { return root_.path(kSettingsFilePath); }
   std::string contents() const { return platform::read_file(file()).value_or("<none>"); }
@@ -47,7 +48,7 @@ class SettingsFileTest : public ::testing::Test {
   platform::FakeLog log_;
 
  private:
-  platform::Log* previous_log_;
+  platform::testing::ScopedService<platform::Log> installed_log_;
 };
 
 TEST_F(SettingsFileTest, MissingFileReadsAsNothingUpdateMergesOverwriteReplacesWhole) {
@@ -130,8 +131,27 @@ TEST_F(SettingsFileTest, WriteThatWouldPassTheSizeLimitLeavesTheFileAsItWas) {
   EXPECT_LE(contents().size(), kMaxSettingsFileBytes);
 }
 
+// Before any idle pass a reader in the middle of its read still holds a
+// writer off: the lock exists from the first use, not from pass zero.
+TEST_F(SettingsFileTest, WriteBeforeAnyIdlePassWaitsForAReader) {
+  update_keys_in_settings_file({{"old", 1}});
+  std::shared_mutex* lock = gPrefsFileLock.load();
+  ASSERT_NE(lock, nullptr);
+  lock->lock_shared();  // a reader between its read and its return
+  std::atomic<bool> written{false};
+  std::thread writer([&] {
+    update_keys_in_settings_file({{"new", 2}});
+    written = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  EXPECT_FALSE(written) << "the write went past a reader holding the lock";
+  lock->unlock_shared();
+  writer.join();
+  EXPECT_TRUE(read_settings_file()->contains("new"));
+}
+
+// No idle pass has run here: the lock must guard from the first use on.
 TEST_F(SettingsFileTest, ConcurrentUpdatesOfDifferentKeysAreAllKept) {
-  create_settings_lock();
   constexpr int kThreads = 8;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {

@@ -73,8 +73,7 @@ class ScratchDir {
 // A scratch directory installed as the platform root while it lives.
 class ScratchRoot : public ScratchDir {
  public:
-  ScratchRoot() : paths_(dir()), previous_(slot<Paths>()) { install<Paths>(&paths_); }
-  ~ScratchRoot() { install<Paths>(previous_); }
+  ScratchRoot() : paths_(dir()), installed_(&paths_) {}
 
   // A process of the fake process table, in state ('S' sleeping, 'Z' zombie).
   void add_process(int pid, const std::string& comm, char state = 'S') const {
@@ -85,30 +84,28 @@ class ScratchRoot : public ScratchDir {
 
  private:
   Paths paths_;
-  Paths* previous_;
+  ScopedService<Paths> installed_;
 };
 
 // The machine's own root installed while it lives, whatever was before.
 class RealRoot {
  public:
-  RealRoot() : previous_(slot<Paths>()) { install<Paths>(&real_); }
-  ~RealRoot() { install<Paths>(previous_); }
+  RealRoot() : installed_(&real_) {}
   RealRoot(const RealRoot&) = delete;
   RealRoot& operator=(const RealRoot&) = delete;
 
  private:
   Paths real_{"/"};
-  Paths* previous_;
+  ScopedService<Paths> installed_;
 };
 
 // A fake log installed as the platform's log while it lives.
 class CapturedLog : public FakeLog {
  public:
-  CapturedLog() : previous_(slot<Log>()) { install<Log>(this); }
-  ~CapturedLog() override { install<Log>(previous_); }
+  CapturedLog() : installed_(this) {}
 
  private:
-  Log* previous_;
+  ScopedService<Log> installed_;
 };
 
 // The names in directory dir, for checking that nothing was added to or

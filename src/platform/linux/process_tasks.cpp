@@ -79,7 +79,7 @@ struct Pipe {
 // Under a sandbox root, the tool's place inside the root (links resolved
 // within it), when that is an executable regular file; nullopt otherwise.
 std::optional<std::string> tool_to_run(const std::string& path) {
-  const Paths* paths = slot<Paths>();
+  const Paths* paths = find<Paths>();
   if (paths == nullptr || paths->is_real_root()) return path;
   std::string root, relative;
   std::string inside = path;

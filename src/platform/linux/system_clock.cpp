@@ -115,7 +115,7 @@ class SandboxClock : public Clock {
 }  // namespace
 
 std::unique_ptr<Clock> make_system_clock() {
-  const Paths* paths = slot<Paths>();
+  const Paths* paths = find<Paths>();
   if (paths != nullptr && !paths->is_real_root()) return make_sandbox_clock(paths->resolve(kSandboxClockPath));
   return std::make_unique<SystemClock>();
 }
