@@ -16,6 +16,7 @@
 
 #include "bench_root.h"
 #include "hubwardend/module_manager.h"
+#include "platform/linux/metered_interfaces.h"
 #include "platform/linux/meters_linux.h"
 #include "platform/linux/proc_process_table.h"
 #include "platform/registry.h"
