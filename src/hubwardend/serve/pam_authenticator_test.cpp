@@ -115,7 +115,7 @@ TEST(PamPasswordCheckerTest, ChecksPasswordsAndAccountsThroughPam) {
     check_against_test_stack();
     return;
   }
-  if (!testing::PamTestStack::available()) GTEST_SKIP() << "libpam-wrapper is not installed (scripts/setup)";
+  if (std::string reason = testing::PamTestStack::unusable_reason(); !reason.empty()) GTEST_SKIP() << reason;
   std::string dir = (std::filesystem::temp_directory_path() / "hubwarden-pam-XXXXXX").string();
   ASSERT_NE(mkdtemp(dir.data()), nullptr);
   {
