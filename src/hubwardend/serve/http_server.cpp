@@ -680,6 +680,10 @@ std::unique_ptr<HttpServer> HttpServer::start(const HttpServerOptions& options, 
                                               std::string* error) {
   std::string ignored;
   if (!error) error = &ignored;
+  if (!handler) {
+    *error = "no request handler";
+    return nullptr;
+  }
   size_t threads = std::max<size_t>(1, options.io_threads);
   auto core = std::make_shared<HttpServerCore>(threads);
   core->options = options;
