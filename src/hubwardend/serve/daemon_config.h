@@ -44,6 +44,8 @@ struct DaemonConfig {
   std::string pam_service = "hubwardend";
   uint64_t max_body_bytes = 8u << 20;
   bool metrics_need_authentication = true;
+
+  bool operator==(const DaemonConfig&) const = default;
 };
 
 // Parses "a.b.c.d:port" or "[v6 address]:port", numbers only (no host

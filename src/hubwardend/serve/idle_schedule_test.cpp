@@ -15,30 +15,10 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// Runs each piece of work on a thread of its own, so that passes could
-// overlap if the schedule let them.
-class ThreadPerWork {
- public:
-  ~ThreadPerWork() { join(); }
-  IdleSchedule::Runner runner() {
-    return [this](std::function<void()> work) {
-      std::lock_guard<std::mutex> lock(mu_);
-      threads_.emplace_back(std::move(work));
-    };
-  }
-  void join() {
-    std::vector<std::thread> threads;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      threads.swap(threads_);
-    }
-    for (auto& t : threads) t.join();
-  }
-
- private:
-  std::mutex mu_;
-  std::vector<std::thread> threads_;
-};
+// Each piece of work on a thread of its own, so that passes could overlap if
+// the schedule let them. The threads are detached: a test stops the schedule,
+// waiting for the pass, before its locals go.
+void thread_per_work(std::function<void()> work) { std::thread(std::move(work)).detach(); }
 
 struct PassRecord {
   std::string pass;
@@ -56,7 +36,6 @@ std::unique_ptr<EventLoop> make_loop() {
 TEST(IdleScheduleTest, PassesCountUpOneAtATimeAPeriodAfterTheLastEnded) {
   std::unique_ptr<EventLoop> loop = make_loop();
   constexpr milliseconds kPeriod(15);
-  ThreadPerWork workers;
   std::mutex mu;
   std::vector<PassRecord> passes;
   std::atomic<int> in_flight = 0;
@@ -75,12 +54,11 @@ TEST(IdleScheduleTest, PassesCountUpOneAtATimeAPeriodAfterTheLastEnded) {
         passes.push_back(record);
         if (pass == "5") loop->exit(0);
       },
-      workers.runner());
+      thread_per_work);
   schedule.start();
   schedule.start();  // a second start changes nothing
   EXPECT_EQ(loop->run(), 0);
   EXPECT_TRUE(schedule.stop(milliseconds(1000)));
-  workers.join();
 
   ASSERT_EQ(passes.size(), 6u);
   for (size_t i = 0; i < passes.size(); ++i) {
@@ -103,7 +81,6 @@ TEST(IdleScheduleTest, PassesCountUpOneAtATimeAPeriodAfterTheLastEnded) {
 
 TEST(IdleScheduleTest, StopWaitsForARunningPassOnlyUntilItsDeadline) {
   std::unique_ptr<EventLoop> loop = make_loop();
-  ThreadPerWork workers;
   std::atomic<int> started = 0;
   IdleSchedule schedule(
       *loop, milliseconds(5),
@@ -111,7 +88,7 @@ TEST(IdleScheduleTest, StopWaitsForARunningPassOnlyUntilItsDeadline) {
         ++started;
         std::this_thread::sleep_for(milliseconds(150));
       },
-      workers.runner());
+      thread_per_work);
   schedule.start();
   bool short_wait = true;
   bool long_wait = false;
@@ -124,7 +101,6 @@ TEST(IdleScheduleTest, StopWaitsForARunningPassOnlyUntilItsDeadline) {
     loop->add_timer(milliseconds(60), [&] { loop->exit(0); });
   });
   loop->run();
-  workers.join();
   EXPECT_FALSE(short_wait);
   EXPECT_TRUE(running_at_first_stop);
   EXPECT_TRUE(long_wait);
