@@ -3,6 +3,7 @@
 #include "hubwardend/serve/idle_schedule.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <condition_variable>
 #include <mutex>
@@ -37,19 +38,56 @@ struct IdleSchedule::State {
   Stats stats;                       // guarded by mu
 };
 
-// Books the end of a pass and schedules the next, even when the pass
-// throws on its way out to the runner.
-class IdleSchedule::PassEnd {
+// One issued pass, shared by every copy of the work handed to the runner.
+// The pass takes its number only when it starts, and its end is booked and
+// the next pass scheduled whether it returns, throws, or never runs because
+// the runner dropped the work (a closing worker pool): the schedule never
+// waits for a pass that is not coming.
+class IdleSchedule::Ticket {
  public:
-  explicit PassEnd(std::shared_ptr<State> state) : state_(std::move(state)), began_(std::chrono::steady_clock::now()) {}
-  ~PassEnd() {
-    auto took = std::chrono::steady_clock::now() - began_;
+  explicit Ticket(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  ~Ticket() {
+    if (!started_.exchange(true)) finish(nullptr);
+  }
+  Ticket(const Ticket&) = delete;
+  Ticket& operator=(const Ticket&) = delete;
+
+  void run() {
+    if (started_.exchange(true)) return;
+    std::string pass;
+    {
+      std::lock_guard<std::mutex> lock(state_->mu);
+      if (state_->stopped) {
+        // Issued, but stop() came before a worker got to it.
+        state_->stats.running = false;
+        state_->pass_ended.notify_all();
+        return;
+      }
+      pass = std::to_string(state_->next_pass);
+      state_->next_pass = next_pass_number(state_->next_pass);
+    }
+    struct End {
+      Ticket* ticket;
+      std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+      ~End() {
+        std::chrono::nanoseconds took = std::chrono::steady_clock::now() - began;
+        ticket->finish(&took);
+      }
+    } end{this};
+    state_->run_pass(pass);
+  }
+
+ private:
+  // took is null for a pass that never ran.
+  void finish(const std::chrono::nanoseconds* took) {
     {
       std::lock_guard<std::mutex> lock(state_->mu);
       state_->stats.running = false;
-      ++state_->stats.passes_run;
-      state_->stats.last_duration = took;
-      state_->stats.total_duration += took;
+      if (took != nullptr) {
+        ++state_->stats.passes_run;
+        state_->stats.last_duration = *took;
+        state_->stats.total_duration += *took;
+      }
       // The wait starts now that the pass has ended, so a slow pass
       // delays the next one instead of overlapping it.
       if (!state_->stopped) {
@@ -59,28 +97,19 @@ class IdleSchedule::PassEnd {
     }
     state_->pass_ended.notify_all();
   }
-  PassEnd(const PassEnd&) = delete;
-  PassEnd& operator=(const PassEnd&) = delete;
 
- private:
-  std::shared_ptr<State> state_;
-  std::chrono::steady_clock::time_point began_;
+  const std::shared_ptr<State> state_;
+  std::atomic<bool> started_{false};
 };
 
 void IdleSchedule::run_pass_now(const std::shared_ptr<State>& state) {
-  std::string pass;
   {
     std::lock_guard<std::mutex> lock(state->mu);
     if (state->stopped || state->stats.running) return;
     state->stats.running = true;
     state->timer = 0;
-    pass = std::to_string(state->next_pass);
-    state->next_pass = next_pass_number(state->next_pass);
   }
-  state->runner([state, pass] {
-    PassEnd end(state);
-    state->run_pass(pass);
-  });
+  state->runner([ticket = std::make_shared<Ticket>(state)] { ticket->run(); });
 }
 
 IdleSchedule::IdleSchedule(EventLoop& loop, std::chrono::milliseconds period, RunPass run_pass, Runner runner)

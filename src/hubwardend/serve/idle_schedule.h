@@ -24,7 +24,9 @@ class IdleSchedule {
  public:
   // Runs one pass, given its number as text.
   using RunPass = std::function<void(const std::string& pass)>;
-  // Hands work to another thread; it must run the work exactly once.
+  // Hands work to another thread. Work it drops without running (a pool
+  // that is closing) counts as a skipped pass: the next is issued a period
+  // later with the same number.
   using Runner = std::function<void(std::function<void()> work)>;
 
   struct Stats {
@@ -66,7 +68,7 @@ class IdleSchedule {
 
  private:
   struct State;
-  class PassEnd;
+  class Ticket;
   // Loop thread: starts the next pass on the runner unless one is running
   // or the schedule has stopped.
   static void run_pass_now(const std::shared_ptr<State>& state);

@@ -108,24 +108,30 @@ TEST(IdleScheduleTest, StopWaitsForARunningPassOnlyUntilItsDeadline) {
   EXPECT_EQ(schedule.stats().passes_run, 1u);
 }
 
-TEST(IdleScheduleTest, InlineRunnerAndANewPeriodForTheNextWait) {
+TEST(IdleScheduleTest, DroppedWorkKeepsItsNumberAndANewPeriodAppliesToTheNextWait) {
   std::unique_ptr<EventLoop> loop = make_loop();
   std::vector<std::string> passes;
   IdleSchedule* self = nullptr;
+  int handed = 0;
   IdleSchedule schedule(
       *loop, milliseconds(60000),
       [&](const std::string& pass) {
         passes.push_back(pass);
         // Without the new period the test would wait a minute for pass 1.
         if (pass == "0") self->set_period(milliseconds(5));
-        if (pass == "2") loop->exit(0);
+        if (pass == "3") loop->exit(0);
       },
-      [](std::function<void()> work) { work(); });
+      // Every second piece of work is dropped, as a closing pool would; the
+      // rest run inline on the loop thread.
+      [&](std::function<void()> work) {
+        if (++handed % 2 == 1) work();
+      });
   self = &schedule;
   schedule.start();
   loop->add_timer(milliseconds(5000), [&] { loop->exit(1); });
   EXPECT_EQ(loop->run(), 0);
-  EXPECT_EQ(passes, (std::vector<std::string>{"0", "1", "2"}));
+  EXPECT_EQ(passes, (std::vector<std::string>{"0", "1", "2", "3"}));
+  EXPECT_EQ(schedule.stats().passes_run, 4u);
 }
 
 }  // namespace
