@@ -34,6 +34,9 @@ set(HUBWARDEN_DATA ${CMAKE_INSTALL_DATADIR}/hubwardend)
 if(TARGET hubwardend)
   install(TARGETS hubwardend RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 endif()
+if(TARGET hubwarden)
+  install(TARGETS hubwarden RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 install(FILES ${CMAKE_SOURCE_DIR}/src/hubwarden_info/Resources/sacl_list.plist
               ${CMAKE_SOURCE_DIR}/src/hubwarden_info/Resources/tacl_list.plist
         DESTINATION ${HUBWARDEN_DATA}/bundles/hubwarden_info.bundle/Contents/Resources)
