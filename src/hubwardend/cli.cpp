@@ -26,7 +26,8 @@ constexpr size_t kMaxInputBytes = 64u << 20;
 constexpr const char* kUsage =
     "usage: hubwardend request [--root DIR] [--context FILE] [--user NAME] [FILE]\n"
     "       hubwardend idle    [--root DIR] [--context FILE] [--user NAME] PASS\n"
-    "       hubwardend script  [--root DIR] [--context FILE] [--user NAME] FILE\n";
+    "       hubwardend script  [--root DIR] [--context FILE] [--user NAME] FILE\n"
+    "       hubwardend serve   [--root DIR] [--config FILE]\n";
 
 struct Options {
   std::string command;

@@ -58,7 +58,7 @@ bool read_source(const plist::Value& value, LogSource* source, std::string* erro
 
 void overlay_file(const std::string& path, LogSources* sources) {
   std::string error;
-  std::optional<plist::Dict> config = platform::read_host_config(platform::resolve(path), &error);
+  std::optional<plist::Dict> config = platform::read_host_config(platform::host_config_file(path, platform::resolve(path)), &error);
   if (config ? apply_log_config(*config, sources, &error) : error.empty()) return;
   platform::log_error("hubwardend: ignoring the logs of " + path + ": " + error);
 }

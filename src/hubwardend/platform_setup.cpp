@@ -64,6 +64,9 @@ Host::Host(const HostOptions& options) : options_(options), bundle_(std::make_un
 
 void Host::add_services() {
   platform::ServiceBundle& b = *bundle_;
+  // Before the first table is read: they all read the administrator's file
+  // through the override.
+  platform::set_host_config_override(options_.host_config_file);
   paths_ =
       b.add<platform::Paths>(std::make_unique<platform::Paths>(options_.root, platform::load_path_map(options_.root)));
   const HostOptions& options = options_;
@@ -142,7 +145,8 @@ std::optional<std::string> Host::reload_configuration() {
   // Check the administrator's file before anything changes, so that a
   // broken edit leaves the running configuration whole.
   std::string error;
-  std::string admin_file = paths_->resolve(platform::kHostConfigPath);
+  std::string admin_file =
+      platform::host_config_file(platform::kHostConfigPath, paths_->resolve(platform::kHostConfigPath));
   platform::read_host_config(admin_file, &error);
   if (!error.empty()) return "host configuration " + admin_file + ": " + error;
 

@@ -41,8 +41,8 @@ struct HostOptions {
   std::string default_user;
   // The module context for every call (not owned; must outlive the Host).
   plist::Dict* context = nullptr;
-  // Reserved for a host configuration outside its usual place; the tables
-  // are read from the usual place under the root either way.
+  // The administrator's host configuration as a real path, when it is not
+  // in its usual place under the root; every table reads it from there.
   std::string host_config_file;
   // The daemon: name lookups never make a call wait (network.h).
   bool long_running = false;

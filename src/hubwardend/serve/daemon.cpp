@@ -159,7 +159,7 @@ bool Daemon::start(std::ostream& err) {
   options.root = arguments_.root;
   options.default_user = running_user_name();
   options.context = &context_;
-  options.host_config_file = config_path_;
+  options.host_config_file = arguments_.config_file;
   options.long_running = true;
   options.run_loop = loop_.get();
   host_ = Host::start(options, &error);

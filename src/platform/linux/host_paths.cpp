@@ -15,7 +15,7 @@ void overlay_file(const std::string& root, const char* path, PathMap* map) {
   // Read straight under root: the Paths these entries are for does not
   // exist yet, and configuration files are never themselves mapped.
   std::string error;
-  if (std::optional<plist::Dict> config = read_host_config(root + path, &error))
+  if (std::optional<plist::Dict> config = read_host_config(host_config_file(path, root + path), &error))
     apply_path_config(*config, path, map);
   else if (!error.empty())
     log_error(std::string("hubwardend: ignoring the paths of ") + path + ": " + error);

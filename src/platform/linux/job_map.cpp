@@ -56,7 +56,7 @@ bool read_units(const plist::Value& value, std::vector<std::string>* units) {
 // file is not worth a log line; a broken one is.
 bool overlay_file(const std::string& path, HostServiceMap* map) {
   std::string error;
-  std::optional<plist::Dict> config = read_host_config(resolve(path), &error);
+  std::optional<plist::Dict> config = read_host_config(host_config_file(path, resolve(path)), &error);
   if (!config && error.empty()) return false;
   if (config && apply_host_config(*config, map, &error)) return true;
   log_error("hubwardend: ignoring " + path + ": " + error);

@@ -199,7 +199,7 @@ class SysfsInterfaceStats : public InterfaceStats {
 std::optional<std::vector<std::string>> listed_in(const char* path) {
   if (!has<Paths>()) return std::nullopt;
   std::string error;  // the service map's loader reports broken files
-  std::optional<plist::Dict> config = read_host_config(resolve(path), &error);
+  std::optional<plist::Dict> config = read_host_config(host_config_file(path, resolve(path)), &error);
   if (!config) return std::nullopt;
   const plist::Value* value = config->find(kMeteredInterfacesKey);
   if (!value) return std::nullopt;
