@@ -19,6 +19,7 @@ class FakeSystemConfiguration : public SystemConfiguration {
   bool open(const std::string& client_name) override;
   std::optional<std::string> computer_name() override;
   std::optional<std::string> local_host_name() override;
+  std::unique_ptr<PreferencesSession> open_preferences(const std::string& client_name) override;
 };
 
 }  // namespace platform

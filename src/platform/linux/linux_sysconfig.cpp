@@ -34,6 +34,8 @@ class LinuxSystemConfiguration : public SystemConfiguration {
     return name;
   }
 
+  std::unique_ptr<PreferencesSession> open_preferences(const std::string& client_name) override { return nullptr; }
+
  private:
   static std::optional<std::string> static_host_name() {
     if (std::optional<std::string> name = linux_text::read_first_line(resolve("/etc/hostname"))) return name;

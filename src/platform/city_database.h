@@ -1,0 +1,56 @@
+// The city database behind time zone selection by city: every city of at
+// least 15,000 people, keyed by its GeoNames id, and the two serialised
+// forms in which a selected city is kept in the system-wide preferences.
+//
+// Safe from any thread once made; the table is read-only.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "plist/value.h"
+
+namespace platform {
+
+struct City {
+  uint32_t geonameid = 0;
+  std::string name;          // UTF-8, as the place calls itself
+  std::string ascii_name;    // plain ASCII
+  std::string country_code;  // ISO 3166 two letters
+  std::string admin_code;    // first-level administrative division
+  double latitude = 0;
+  double longitude = 0;
+  uint64_t population = 0;
+  std::string time_zone;  // IANA zone name, "Europe/Paris"
+};
+
+class CityDatabase {
+ public:
+  virtual ~CityDatabase() = default;
+  // The city with this id; nullopt when there is none.
+  virtual std::optional<City> city_by_id(uint32_t geonameid) = 0;
+};
+
+// The dictionary form (newer systems): the zone name under "TimeZoneName".
+plist::Dict city_dictionary_form(const City& city);
+// The array form (older systems).
+plist::Array city_array_form(const City& city);
+// Rebuild a city from either form; nullopt when the form is damaged or
+// incomplete (a wrong type, a missing member, an id that is not a number).
+std::optional<City> city_from_dictionary_form(const plist::Dict& form);
+std::optional<City> city_from_array_form(const plist::Array& form);
+
+// The time zone database: which zones exist, and zones by abbreviation.
+class TimeZones {
+ public:
+  virtual ~TimeZones() = default;
+  // The zone's canonical name when name names an installed zone
+  // ("Europe/Paris"); nullopt otherwise.
+  virtual std::optional<std::string> zone_by_name(const std::string& name) = 0;
+  // The zone an abbreviation such as "CET" or "PST" stands for; nullopt when
+  // the abbreviation is unknown.
+  virtual std::optional<std::string> zone_by_abbreviation(const std::string& abbreviation) = 0;
+};
+
+}  // namespace platform
