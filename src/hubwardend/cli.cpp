@@ -14,6 +14,7 @@
 #include "hubwardend/context_store.h"
 #include "hubwardend/platform_setup.h"
 #include "hubwardend/requester.h"
+#include "platform/linux/system_bus.h"
 #include "plist/codec.h"
 
 namespace hubwardend {
@@ -197,6 +198,7 @@ int run_cli(const std::vector<std::string>& args, std::istream& in, std::ostream
   struct stat st;
   if (stat(options.root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
     return fail(err, "root " + options.root + " is not a directory");
+  platform::export_system_bus_address(options.root);
 
   LoadedContext loaded;
   if (options.context_file) {

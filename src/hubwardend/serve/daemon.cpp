@@ -29,6 +29,7 @@
 #include "hubwardend/serve/tls_identity.h"
 #include "hubwardend/serve/worker_pool.h"
 #include "platform/linux/host_config.h"
+#include "platform/linux/system_bus.h"
 #include "platform/linux/job_map.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -364,6 +365,8 @@ int run_serve(const std::vector<std::string>& args, std::ostream& err) {
   }
   // Signals go to the loop alone: block them before any thread starts.
   serve::EventLoop::block_daemon_signals();
+  // Before any thread reads the environment.
+  platform::export_system_bus_address(arguments.root);
 
   std::string config_path =
       arguments.config_file.empty() ? under_root(arguments.root, platform::kHostConfigPath) : arguments.config_file;

@@ -15,10 +15,13 @@ std::optional<std::string> system_bus_address() {
   return "unix:path=" + socket;
 }
 
-void export_system_bus_address() {
+void export_system_bus_address(const std::string& root) {
   // Even when no bus runs yet: a library must never fall back to the
   // machine's bus from a sandbox.
-  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + resolve(kSystemBusSocketPath)).c_str(), 1);
+  std::string socket = root;
+  while (!socket.empty() && socket.back() == '/') socket.pop_back();
+  socket += kSystemBusSocketPath;
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
 }
 
 SdBusPtr open_system_bus() {

@@ -21,10 +21,11 @@ inline constexpr char kSystemBusSocketPath[] = "/run/dbus/system_bus_socket";
 // exist (no bus runs).
 std::optional<std::string> system_bus_address();
 
-// Points DBUS_SYSTEM_BUS_ADDRESS at the bus above, for libraries that find
-// the bus by themselves (avahi-client). Call once at start, before any
-// other thread runs: it changes the environment.
-void export_system_bus_address();
+// Points DBUS_SYSTEM_BUS_ADDRESS at the bus of root (the same socket as
+// above), for libraries that find the bus by themselves (avahi-client).
+// Call once at start, before any other thread runs: it changes the
+// environment.
+void export_system_bus_address(const std::string& root);
 
 struct SdBusUnref {
   void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
