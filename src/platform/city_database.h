@@ -32,12 +32,21 @@ class CityDatabase {
   virtual std::optional<City> city_by_id(uint32_t geonameid) = 0;
 };
 
-// The dictionary form (newer systems): the zone name under "TimeZoneName".
+// The dictionary form (newer systems), members in this order:
+//   "GeonameID" integer, "Name", "ASCIIName", "CountryCode", "AdminCode"
+//   strings, "Latitude", "Longitude" reals, "Population" integer,
+//   "TimeZoneName" string.
 plist::Dict city_dictionary_form(const City& city);
-// The array form (older systems).
+// The array form (older systems): the same nine values in the same order,
+// by position.
 plist::Array city_array_form(const City& city);
 // Rebuild a city from either form; nullopt when the form is damaged or
 // incomplete (a wrong type, a missing member, an id that is not a number).
+// An id must be a whole number from 1 to 2^32-1, coordinates finite and
+// within +-90 and +-180 degrees, the population a whole number of at least
+// 0; booleans are no numbers here. Members beyond these (extra keys, a
+// longer array) are ignored. A form made by the functions above always
+// rebuilds to the same city.
 std::optional<City> city_from_dictionary_form(const plist::Dict& form);
 std::optional<City> city_from_array_form(const plist::Array& form);
 
