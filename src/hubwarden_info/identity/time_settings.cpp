@@ -8,6 +8,8 @@
 #include <limits>
 #include <string_view>
 
+#include "identity/ntp_conf.h"
+#include "identity/time_zone.h"
 #include "platform/clock.h"
 #include "platform/file_util.h"
 #include "platform/log.h"
@@ -22,10 +24,7 @@ namespace hubwarden {
 
 namespace {
 
-constexpr const char* kNtpJob = "/System/Library/LaunchDaemons/org.ntp.ntpd.plist";
-constexpr const char* kNtpConfPath = "/etc/ntp.conf";
 constexpr const char* kTimesyncdConfPath = "/etc/systemd/timesyncd.conf";
-constexpr const char* kLocaltimePath = "/etc/localtime";
 constexpr const char* kTimezonePath = "/etc/timezone";
 // The server name is read into a 512-byte buffer, terminator included.
 constexpr size_t kMaxServerName = 511;
@@ -94,8 +93,7 @@ int set_time(uint64_t seconds) {
                          std::to_string(result));
     return kSetTimeFailed;
   }
-  // Clocks on the desktop notice a stepped system clock by themselves
-  // (timers cancelled on a clock change), so there is nobody to tell here.
+  post_distributed_notification(kClockNotification);
   return 0;
 }
 
@@ -113,13 +111,6 @@ std::optional<std::string> get_ntp_server_name() {
     return timesyncd_server(*text);
   }
   return std::nullopt;
-}
-
-plist::Value get_city_record() {
-  // No city has been selected through this server, so there is no
-  // selection to report.
-  platform::log_error("Neither Granite nor Basalt city information was found, can't determine time zone");
-  return plist::Value(0);
 }
 
 std::string get_time_zone_name() {

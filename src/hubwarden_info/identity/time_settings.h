@@ -19,8 +19,9 @@ inline constexpr int kSetTimeFailed = 100023;
 
 // Whole seconds since 1970, as an unsigned 64-bit number.
 plist::Value get_time();
-// Sets the clock to seconds (no fraction). Returns 0, or kSetTimeFailed
-// after logging the failure.
+// Sets the clock to seconds (no fraction) and announces the change to
+// every user session. Returns 0, or kSetTimeFailed after logging the
+// failure.
 int set_time(uint64_t seconds);
 
 // Whether the time daemon's job is enabled. Serving time and following a
@@ -32,9 +33,6 @@ bool get_ntp_server_state();
 // configuration, else the first NTP= name of the systemd time-sync
 // configuration; at most 511 bytes. nullopt when neither names one.
 std::optional<std::string> get_ntp_server_name();
-
-// The selected city's geonameid, the number 0 when none is known.
-plist::Value get_city_record();
 
 // The system time zone's name ("Europe/Paris"), "" when it cannot be told.
 std::string get_time_zone_name();

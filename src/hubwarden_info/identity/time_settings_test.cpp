@@ -6,6 +6,7 @@
 
 #include <cmath>
 
+#include "identity/city_record.h"
 #include "platform/file_util.h"
 #include "testing/settings_doubles.h"
 

@@ -5,6 +5,7 @@
 
 #include "access/acls.h"
 #include "access/service_config.h"
+#include "identity/city_record.h"
 #include "identity/time_settings.h"
 #include "notify/notification_settings.h"
 #include "platform/registry.h"

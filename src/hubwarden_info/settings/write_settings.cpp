@@ -6,7 +6,10 @@
 #include <string>
 
 #include "access/acls.h"
+#include "identity/city_record.h"
+#include "identity/ntp_conf.h"
 #include "identity/time_settings.h"
+#include "identity/time_zone.h"
 #include "platform/registry.h"
 #include "platform/service_manager.h"
 #include "request/cached_state.h"
@@ -62,7 +65,7 @@ void apply_time_settings(const Dict& configuration, bool sync, Dict* context, Wr
   const Value* sync_value = configuration.find_number("ntpTimeSync");
 
   if (serve_value != nullptr || server_value != nullptr || sync_value != nullptr) {
-    [[maybe_unused]] bool serve = get_ntp_server_state();
+    bool serve = get_ntp_server_state();
     std::optional<std::string> server = get_ntp_server_name();
     bool changed = false;
     if (serve_value != nullptr) serve = serve_value->number_is_true();
@@ -81,11 +84,9 @@ void apply_time_settings(const Dict& configuration, bool sync, Dict* context, Wr
       sync = sync_value->number_is_true();
       changed = true;
     }
-    // Writing the time daemon's configuration and switching it
-    // (serve, server) lands with the time-server subsystem.
+    status->note(set_ntp_state(sync, serve, server));
     if (server && changed && sync) {
-      // The one-shot synchronisation with the new server lands with the
-      // time-server subsystem.
+      status->note(sync_with_ntp_server(*server));
       return;
     }
   }
@@ -136,8 +137,12 @@ ErrorName write_settings(const Dict& request, ReplySlot& reply, Dict* context) {
 
     bool time_zone_changed = false;
     if (const Value* city = config.find_number("cityRecord"); city != nullptr && !(*city == get_city_record())) {
-      // Selecting the city (and with it the time zone) lands with the
-      // city database.
+      int city_status = set_city_record(city);
+      status.note(city_status);
+      if (city_status == 0) {
+        send_time_zone_notifications();
+        time_zone_changed = true;
+      }
     }
 
     for (const char* key : {"accessControlLists", "adminControlLists", "monitorControlLists"}) {
