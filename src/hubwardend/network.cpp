@@ -68,6 +68,18 @@ std::vector<Address> up_addresses(std::set<std::string>* unnamable) {
   return out;
 }
 
+// The link-layer address the kernel shows for an interface
+// ("52:54:00:12:34:56"), or "" for one without (a tunnel) or on failure.
+std::string hardware_address(const std::string& interface) {
+  if (interface.empty() || interface.find('/') != std::string::npos || interface == "." || interface == "..") return "";
+  std::optional<std::string> text = platform::read_file("/sys/class/net/" + interface + "/address");
+  if (!text) return "";
+  while (!text->empty() && (text->back() == '\n' || text->back() == ' ')) text->pop_back();
+  // Point-to-point links show an all-zero address; that names nothing.
+  if (text->find_first_not_of("0:") == std::string::npos) return "";
+  return *text;
+}
+
 std::optional<std::string> reverse_lookup(const sockaddr* address, socklen_t length) {
   char host[NI_MAXHOST] = {};
   if (getnameinfo(address, length, host, sizeof host, nullptr, 0, NI_NAMEREQD) != 0) return std::nullopt;
@@ -238,6 +250,10 @@ plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
         dns[i] = it->second.names.front();
   }
 
+  std::map<std::string, std::string> hardware;  // several addresses share a link
+  for (const Address& a : addresses)
+    if (!hardware.count(a.name)) hardware[a.name] = hardware_address(a.name);
+
   plist::Array out;
   out.reserve(addresses.size());
   bool primary_taken = false;
@@ -251,6 +267,7 @@ plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
     entry.set("ipAddress", a.text);
     entry.set("isPrimaryIPv4Interface", is_primary);
     entry.set("dnsName", dns[i]);
+    entry.set("hardwareAddress", hardware[a.name]);
     out.push_back(std::move(entry));
   }
   return out;

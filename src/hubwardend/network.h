@@ -10,6 +10,8 @@
 //   "isPrimaryIPv4Interface"  true only for the first IPv4 address of the
 //                             interface that carries the IPv4 default route
 //   "dnsName"                 the reverse-lookup name of the address, or ""
+//   "hardwareAddress"         the interface's link-layer address
+//                             ("52:54:00:12:34:56"), or "" when it has none
 // A complete gathering also gives each address its reverse-lookup name.
 //
 // Name lookups run on a small resolver pool (resolver_pool.h), never on the

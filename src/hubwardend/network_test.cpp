@@ -45,7 +45,8 @@ TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
       ASSERT_NE(d, nullptr);
       std::vector<std::string> keys;
       for (const auto& [key, value] : *d) keys.push_back(key);
-      EXPECT_EQ(keys, (std::vector<std::string>{"name", "family", "ipAddress", "isPrimaryIPv4Interface", "dnsName"}));
+      EXPECT_EQ(keys, (std::vector<std::string>{"name", "family", "ipAddress", "isPrimaryIPv4Interface", "dnsName",
+                                                "hardwareAddress"}));
       const std::string *name = d->find_string("name"), *family = d->find_string("family");
       const plist::Value* primary = d->find("isPrimaryIPv4Interface");
       ASSERT_TRUE(name && family && d->find_string("ipAddress") && d->find_string("dnsName") && primary &&
@@ -53,6 +54,9 @@ TEST(NetworkTest, SnapshotEntriesHaveTheDocumentedShape) {
       EXPECT_NE(*name, "lo") << "loopback is left out";
       EXPECT_TRUE(*family == "AF_INET" || *family == "AF_INET6") << *family;
       EXPECT_FALSE(d->find_string("ipAddress")->empty());
+      const std::string* mac = d->find_string("hardwareAddress");
+      ASSERT_TRUE(mac);
+      EXPECT_TRUE(mac->empty() || mac->find(':') != std::string::npos) << *mac;
       if (*primary->as_bool()) {
         ++primaries;
         EXPECT_EQ(*family, "AF_INET");

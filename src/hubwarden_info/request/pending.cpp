@@ -17,10 +17,6 @@ ErrorName reboot_post_swupdate(const Dict&, ReplySlot&, Dict*) { return nullptr;
 void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
 
-// Access control and services
-void register_services_with_zeroconf(bool, Dict*) {}
-void register_server_waiting_for_setup_with_zeroconf(Dict*) {}
-
 // Host identity and time
 void init_info_hostname() {}
 void check_host_name(const std::string&, int, int) {}
@@ -28,6 +24,5 @@ bool has_missing_kerberized_services(Dict*) { return false; }
 
 // Notifications
 ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
-void register_service_state_watcher() {}
 
 }  // namespace hubwarden
