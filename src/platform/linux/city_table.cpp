@@ -72,7 +72,7 @@ std::unique_ptr<CityTable> CityTable::open(const std::string& path, std::string*
   } else if (!S_ISREG(st.st_mode) || st.st_size < static_cast<off_t>(sizeof(fmt::Header))) {
     why = path + ": not a city table (too short)";
   } else {
-    void* p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+    void* p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
     if (p == MAP_FAILED) {
       why = path + ": " + std::strerror(errno);
     } else {
