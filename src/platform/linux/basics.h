@@ -43,8 +43,10 @@ std::unique_ptr<HostInfo> make_linux_host_info();
 // a sandbox.
 std::unique_ptr<Hardware> make_linux_hardware(std::string proc_dir = "/proc", std::string sys_dir = "/sys");
 
-// Computer and local host names from /etc/machine-info and /etc/hostname
-// (through platform::resolve).
+// Computer name (PRETTY_HOSTNAME of /etc/machine-info), local host name
+// (Avahi's) and host name (/etc/hostname), read and written through
+// platform::resolve, and through hostnamed and Avahi on the root's own
+// system bus when they run.
 std::unique_ptr<SystemConfiguration> make_linux_sysconfig();
 
 }  // namespace platform
