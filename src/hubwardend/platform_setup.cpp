@@ -7,7 +7,13 @@
 #include "hubwardend/network.h"
 #include "hubwardend/reloadable_services.h"
 #include "hubwardend/service_modules.h"
+#include "platform/linux/avahi_advertiser.h"
 #include "platform/linux/basics.h"
+#include "platform/linux/city_table.h"
+#include "platform/linux/dbus_notifications.h"
+#include "platform/linux/global_preferences.h"
+#include "platform/linux/store_watcher.h"
+#include "platform/linux/time_zones_icu.h"
 #include "platform/linux/directory_store.h"
 #include "platform/linux/host_config.h"
 #include "platform/linux/host_paths.h"
@@ -86,6 +92,16 @@ void Host::add_services() {
   b.add<platform::HostInfo>(platform::make_linux_host_info());
   b.add<platform::Hardware>(platform::make_linux_hardware());
   b.add<platform::SystemConfiguration>(platform::make_linux_sysconfig());
+  b.add<platform::StoreWatcher>(platform::make_linux_store_watcher());
+  b.add<platform::Preferences>(platform::make_global_preferences());
+  b.add<platform::DistributedNotifications>(platform::make_dbus_notifications());
+  b.add<platform::TimeZones>(platform::make_linux_time_zones());
+  // Without the shipped table the server still runs; only choosing the
+  // time zone by city is unavailable, and that is logged where it is tried.
+  if (auto cities = platform::make_city_database()) b.add<platform::CityDatabase>(std::move(cities));
+  // Records are published from the run loop; the command line has none and
+  // publishes nothing.
+  b.add<platform::Advertiser>(platform::make_avahi_advertiser(options.run_loop));
   b.add<platform::Directory>(platform::make_directory_store());
 
   b.add<platform::ProcessorStats>(platform::make_proc_processor_stats());
@@ -131,6 +147,11 @@ std::optional<std::string> Host::missing_service() const {
   require<platform::HostInfo>(b, "host information", &missing);
   require<platform::Hardware>(b, "hardware", &missing);
   require<platform::SystemConfiguration>(b, "system configuration", &missing);
+  require<platform::StoreWatcher>(b, "configuration watch", &missing);
+  require<platform::Preferences>(b, "system-wide preferences", &missing);
+  require<platform::DistributedNotifications>(b, "distributed notifications", &missing);
+  require<platform::TimeZones>(b, "time zones", &missing);
+  require<platform::Advertiser>(b, "DNS-SD advertiser", &missing);
   require<platform::Directory>(b, "directory", &missing);
   require<platform::ProcessorStats>(b, "processor statistics", &missing);
   require<platform::InterfaceStats>(b, "interface counters", &missing);
