@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -13,6 +14,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -33,10 +35,26 @@ struct Address {
   socklen_t length = 0;
 };
 
+// The link-layer address of a packet-family entry ("52:54:00:12:34:56"),
+// or "" for a link without one (a tunnel shows none or all zeros).
+std::string hardware_address(const struct sockaddr_ll* link) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text;
+  bool all_zero = true;
+  for (int i = 0; i < link->sll_halen && i < 8; ++i) {
+    if (i) text.push_back(':');
+    text.push_back(kHex[link->sll_addr[i] >> 4]);
+    text.push_back(kHex[link->sll_addr[i] & 0xf]);
+    if (link->sll_addr[i]) all_zero = false;
+  }
+  return all_zero ? "" : text;
+}
+
 // The addresses of the interfaces that are up, loopback aside. Interfaces
 // whose names are not UTF-8 cannot be named in a snapshot; they are left
 // out and their names added to *unnamable.
-std::vector<Address> up_addresses(std::set<std::string>* unnamable) {
+// Also gives the link-layer address of each such interface in *hardware.
+std::vector<Address> up_addresses(std::set<std::string>* unnamable, std::map<std::string, std::string>* hardware) {
   std::vector<Address> out;
   struct ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return out;
@@ -44,6 +62,10 @@ std::vector<Address> up_addresses(std::set<std::string>* unnamable) {
     if (!it->ifa_addr || !it->ifa_name) continue;
     if (!(it->ifa_flags & IFF_UP) || (it->ifa_flags & IFF_LOOPBACK)) continue;
     int family = it->ifa_addr->sa_family;
+    if (family == AF_PACKET) {
+      (*hardware)[it->ifa_name] = hardware_address(reinterpret_cast<const struct sockaddr_ll*>(it->ifa_addr));
+      continue;
+    }
     if (family != AF_INET && family != AF_INET6) continue;
     if (!platform::is_valid_utf8(it->ifa_name)) {
       unnamable->insert(it->ifa_name);
@@ -66,18 +88,6 @@ std::vector<Address> up_addresses(std::set<std::string>* unnamable) {
   }
   freeifaddrs(list);
   return out;
-}
-
-// The link-layer address the kernel shows for an interface
-// ("52:54:00:12:34:56"), or "" for one without (a tunnel) or on failure.
-std::string hardware_address(const std::string& interface) {
-  if (interface.empty() || interface.find('/') != std::string::npos || interface == "." || interface == "..") return "";
-  std::optional<std::string> text = platform::read_file("/sys/class/net/" + interface + "/address");
-  if (!text) return "";
-  while (!text->empty() && (text->back() == '\n' || text->back() == ' ')) text->pop_back();
-  // Point-to-point links show an all-zero address; that names nothing.
-  if (text->find_first_not_of("0:") == std::string::npos) return "";
-  return *text;
 }
 
 std::optional<std::string> reverse_lookup(const sockaddr* address, socklen_t length) {
@@ -222,7 +232,8 @@ std::map<std::string, std::vector<std::string>> LinuxNetwork::names_for(
 
 plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
   std::set<std::string> unnamable;
-  std::vector<Address> addresses = up_addresses(&unnamable);
+  std::map<std::string, std::string> hardware;
+  std::vector<Address> addresses = up_addresses(&unnamable, &hardware);
   if (!unnamable.empty()) {
     std::lock_guard<std::mutex> lock(mu_);
     for (const std::string& name : unnamable)
@@ -249,10 +260,6 @@ plist::Array LinuxNetwork::get_interfaces_info(bool complete) {
       if (auto it = lookups_->cache.find(addresses[i].text); it != lookups_->cache.end() && !it->second.names.empty())
         dns[i] = it->second.names.front();
   }
-
-  std::map<std::string, std::string> hardware;  // several addresses share a link
-  for (const Address& a : addresses)
-    if (!hardware.count(a.name)) hardware[a.name] = hardware_address(a.name);
 
   plist::Array out;
   out.reserve(addresses.size());

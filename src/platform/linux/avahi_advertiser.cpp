@@ -28,6 +28,10 @@ namespace {
 constexpr const char* kLogPrefix = "hubwardend: DNS-SD: ";
 // How long to wait before trying again to reach the bus when there is none.
 constexpr std::chrono::seconds kReconnectDelay{5};
+// Browsers forget a withdrawn record one second after its goodbye; records
+// published sooner than this after a withdrawal would show up there before
+// the old one leaves, so they wait.
+constexpr std::chrono::milliseconds kWithdrawalSettle{2000};
 // Collisions on every name Avahi offers mean something else is wrong.
 constexpr int kMaxNameAttempts = 20;
 
@@ -203,6 +207,7 @@ class Core {
     auto it = records_.find(id);
     if (it == records_.end()) return;
     if (it->second.group) {
+      if (it->second.committed) hold_until_ = std::chrono::steady_clock::now() + kWithdrawalSettle;
       counted();
       avahi_entry_group_free(it->second.group);
     }
@@ -213,7 +218,8 @@ class Core {
     if (torn_down_) return;
     torn_down_ = true;
     loop_->cancel(reconnect_timer_);
-    reconnect_timer_ = 0;
+    loop_->cancel(hold_timer_);
+    reconnect_timer_ = hold_timer_ = 0;
     for (auto& [id, r] : records_) r.group = nullptr;  // freed with the client
     if (client_) {
       counted();
@@ -258,8 +264,7 @@ class Core {
       case AVAHI_CLIENT_S_RUNNING:
         if (down_reported_) log_notice(std::string(kLogPrefix) + "Avahi is available again");
         down_reported_ = false;
-        for (auto& [id, r] : records_)
-          if (!r.committed) publish(id, r);
+        publish_pending();
         break;
       case AVAHI_CLIENT_S_COLLISION:
       case AVAHI_CLIENT_S_REGISTERING:
@@ -336,8 +341,28 @@ class Core {
     if (r.did_not_publish) r.did_not_publish(description);
   }
 
+  // Publishes every record not on the network yet, once withdrawals have
+  // had time to reach browsers.
+  void publish_pending() {
+    if (!client_ || avahi_client_get_state(client_) != AVAHI_CLIENT_S_RUNNING) return;
+    for (auto& [id, r] : records_)
+      if (!r.committed) publish(id, r);
+  }
+
   void publish(uint64_t, Record& r) {
-    if (r.failed) return;
+    if (r.failed || r.committed) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now < hold_until_) {
+      if (hold_timer_ == 0) {
+        auto wait =
+            std::chrono::duration_cast<std::chrono::milliseconds>(hold_until_ - now) + std::chrono::milliseconds(1);
+        hold_timer_ = loop_->add_timer(wait, [this] {
+          hold_timer_ = 0;
+          if (!torn_down_) publish_pending();
+        });
+      }
+      return;
+    }
     if (!r.group) {
       counted();
       r.group = avahi_entry_group_new(client_, &Core::on_group, this);
@@ -377,6 +402,8 @@ class Core {
   AvahiClient* client_ = nullptr;
   std::map<uint64_t, Record> records_;  // by handle number, oldest first
   RunLoop::Id reconnect_timer_ = 0;
+  RunLoop::Id hold_timer_ = 0;
+  std::chrono::steady_clock::time_point hold_until_{};
   bool down_reported_ = false;
   bool torn_down_ = false;
 };
