@@ -16,6 +16,8 @@
 #include "platform/linux/basics.h"
 #include "platform/linux/basics_test_support.h"
 #include "request/globals.h"
+#include "request/operations.h"
+#include "testing/settings_doubles.h"
 
 namespace hubwarden {
 namespace {
@@ -194,6 +196,51 @@ TEST_F(NtpConfTest, ToolRunsFromTheSandboxRoot) {
   ASSERT_EQ(::chmod(root.path(kNtpdatePath).c_str(), 0755), 0);
   EXPECT_EQ(do_sync_with_ntp_server("time.example.com"), 3);
   EXPECT_EQ(*platform::read_file(root.path("/usr/sbin/args")), "-ub time.example.com\n");
+}
+
+// The console's time server keys, through writeSettings: the configuration
+// and the job follow them, and a new server is synchronised with once, in
+// the background, instead of the clock being set by hand.
+TEST(NtpWriteSettingsTest, TimeServerKeysTakeEffect) {
+  testing::SettingsWorld world;
+  platform::FakeTasks tasks;
+  ScopedService<platform::Tasks> tasks_in(&tasks);
+  CollectingQueue queue;
+  ScopedService<platform::BackgroundQueue> queue_in(&queue);
+  world.run_under_daemon();
+  world.service_manager.set_job(kNtpJob, false);
+  auto write = [&](Dict configuration, Dict* context) {
+    ReplySlot reply;
+    write_settings(Dict{{"configuration", std::move(configuration)}, {"getDetails", 0}}, reply, context);
+    return *reply->find("writeStatus")->as_unsigned();
+  };
+
+  Dict context;
+  EXPECT_EQ(write(Dict{{"ntpTimeServe", true}}, &context), 0u);
+  EXPECT_EQ(*platform::read_file(world.path(kNtpConfPath)), kLocalClock);
+  EXPECT_TRUE(world.service_manager.job_enabled(kNtpJob));
+
+  const double before = world.clock.now();
+  EXPECT_EQ(write(Dict{{"ntpTimeSync", 1}, {"ntpServerName", "a.example.com"}, {"currentTime", uint64_t{1900000000}}},
+                  &context),
+            0u);
+  EXPECT_EQ(*platform::read_file(world.path(kNtpConfPath)), "server a.example.com\n");
+  EXPECT_EQ(*context.find_string("previousNTPServerNameStore"), "a.example.com");
+  EXPECT_EQ(world.clock.now(), before);
+  EXPECT_EQ(tasks.count(kNtpdatePath), 0);
+  queue.run_all();  // the cached state's refresh runs there too
+  ASSERT_EQ(tasks.count(kNtpdatePath), 1);
+  EXPECT_EQ(tasks.last(kNtpdatePath)->args.back(), "a.example.com");
+
+  // Nothing changed: no second synchronisation.
+  EXPECT_EQ(write(Dict{{"ntpTimeSync", 1}, {"ntpServerName", "a.example.com"}}, &context), 0u);
+  queue.run_all();
+  EXPECT_EQ(tasks.count(kNtpdatePath), 1);
+  world.service_manager.fail_job(kNtpJob, 5);
+  // Time still served (the job is on) but no longer followed: the local
+  // clock. A failed switch of the job is not reported.
+  EXPECT_EQ(write(Dict{{"ntpTimeSync", 0}}, &context), 0u);
+  EXPECT_EQ(*platform::read_file(world.path(kNtpConfPath)), kLocalClock);
 }
 
 }  // namespace
