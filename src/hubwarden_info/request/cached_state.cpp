@@ -157,7 +157,7 @@ ErrorName update_cached_state(Dict* context) {
   auto* volumes = service<platform::Volumes>();
   std::string boot_volume = volumes ? volumes->display_name("/").value_or("") : "";
   std::string serial = get_hardware_serial_number().value_or("");
-  check_host_name(host_name, 0, 0);
+  check_host_name(host_name, std::nullopt, std::nullopt);
   bool missing_kerberized = has_missing_kerberized_services(context);
   std::optional<Dict> log_paths;
   get_log_paths(log_paths);

@@ -72,7 +72,11 @@ void register_server_waiting_for_setup_with_zeroconf(Dict* context);
 // ---- Host identity and time ----
 std::optional<double> get_boot_time();
 void init_info_hostname();
-void check_host_name(const std::string& host_name, int, int);
+// Compares the host name, the primary address's DNS name and the address
+// with those of the last check (kept in the settings file) and records
+// them; stops at once when any is missing (as the cached state calls it).
+void check_host_name(const std::optional<std::string>& host_name, const std::optional<std::string>& dns_name,
+                     const std::optional<std::string>& primary_ip);
 bool has_missing_kerberized_services(Dict* context);
 
 // ---- Notifications ----

@@ -18,9 +18,6 @@ void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
 
 // Host identity and time
-void init_info_hostname() {}
-void check_host_name(const std::string&, int, int) {}
-bool has_missing_kerberized_services(Dict*) { return false; }
 
 // Notifications
 ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
