@@ -145,7 +145,7 @@ TEST_F(AdvertisingTest, SetStateBeforeSetupAdvertisesOnlyTheWaitingRecordAndTheM
 TEST_F(AdvertisingTest, WaitingForSetupRecordDescribesTheMachineAndNeedsARoutableAddress) {
   register_server_waiting_for_setup_with_zeroconf(nullptr);
   ASSERT_EQ(advertiser.live().size(), 1u);
-  const TxtRecord& txt = *advertiser.live()[0].txt;
+  const TxtRecord txt = *advertiser.live()[0].txt;
   EXPECT_EQ(txt, (TxtRecord{{"hostname", "server.example.org"},
                             {"modelname", "Unknown"},
                             {"ipaddress", "192.168.7.20"},
