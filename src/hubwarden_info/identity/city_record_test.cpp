@@ -151,11 +151,6 @@ TEST_F(CityRecordTest, NoCityOrADamagedOneReadsAsZeroAndLogsOncePerCall) {
   preferences.store(kLastSelectedCityKey, Value(Array{Value(1), Value("x")}));
   EXPECT_EQ(get_city_record(), Value(0));
   EXPECT_EQ(no_city_lines(), 4u);
-
-  // No preferences store at all.
-  Installed<platform::Preferences> none(nullptr);
-  EXPECT_EQ(get_city_record(), Value(0));
-  EXPECT_EQ(no_city_lines(), 5u);
 }
 
 TEST_F(CityRecordTest, BadIdsSelectNoCityAndStoreNothing) {
