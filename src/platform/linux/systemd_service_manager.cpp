@@ -14,6 +14,7 @@
 
 #include "platform/linux/unit_files.h"
 #include "platform/log.h"
+#include "platform/notifications.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 
@@ -229,6 +230,9 @@ int SystemdServiceManager::set_job_enabled(const std::string& job, bool enabled)
     err = enabled ? enable_unit_file(unit) : disable_unit_file(unit);
   }
   if (err != 0) log_failure(enabled ? "enabling" : "disabling", unit, err);
+  // Whoever advertises the running services or marks them configured hears
+  // of it here, on this thread, before the caller goes on.
+  if (err == 0) default_center().post(Notification{"setState", unit, {}});
   return err;
 }
 

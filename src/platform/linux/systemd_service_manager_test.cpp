@@ -8,8 +8,11 @@
 #include <systemd/sd-daemon.h>
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "platform/linux/basics_test_support.h"
+#include "platform/notifications.h"
 
 namespace platform {
 namespace {
@@ -40,10 +43,17 @@ TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
   EXPECT_FALSE(manager.job_enabled("com.openssh.sshd"));
 
   // The setter names the job by description path, the getter by label.
+  // Each switch that took effect is announced in-process as "setState"
+  // with the unit; the failed ones above were not.
+  std::vector<std::string> announced;
+  auto observer = default_center().add_observer(
+      "setState", [&](const Notification& n) { announced.push_back(n.object.value_or("")); });
   EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/ssh.plist", true), 0);
   EXPECT_TRUE(manager.job_enabled("com.openssh.sshd"));
   EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/ssh.plist", false), 0);
   EXPECT_FALSE(manager.job_enabled("com.openssh.sshd"));
+  default_center().remove_observer(observer);
+  EXPECT_EQ(announced, (std::vector<std::string>{"ssh.service", "ssh.service"}));
 
   // A masked time daemon is neither enabled nor switchable.
   root.write("/lib/systemd/system/chrony.service", kWanted);
