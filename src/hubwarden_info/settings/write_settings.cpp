@@ -8,6 +8,7 @@
 #include "access/acls.h"
 #include "identity/city_record.h"
 #include "identity/ntp_conf.h"
+#include "identity/names.h"
 #include "identity/time_settings.h"
 #include "identity/time_zone.h"
 #include "platform/registry.h"
@@ -114,12 +115,11 @@ ErrorName write_settings(const Dict& request, ReplySlot& reply, Dict* context) {
     const Dict& config = *configuration;
     if (const std::string* name = config.find_string("computerName");
         name != nullptr && differs_from_cached(*name, info, "computerName")) {
-      // Renaming the computer lands with the host-names subsystem.
+      status.note(set_computer_name(*name));
     }
     if (const std::string* name = config.find_string("localcastName");
         name != nullptr && differs_from_cached(*name, info, "localcastName")) {
-      // Renaming the local zero-configuration host lands with the
-      // host-names subsystem.
+      status.note(set_localcast_name(*name));
     }
     if (const Value* snmp = config.find_number("enableSNMP")) status.note(set_snmp_state(snmp->number_is_true()));
     if (config.find_number("enableSSH") != nullptr || config.find_number("enableScreenlink") != nullptr ||
