@@ -2,16 +2,22 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "platform/file_util.h"
 #include "platform/linux/avahi_host_name.h"
 #include "platform/linux/basics.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/linux/machine_info.h"
+#include "platform/linux/name_services.h"
+#include "platform/linux/private_bus_test_support.h"
+#include "platform/linux/system_bus.h"
 #include "platform/linux/text_files.h"
 
 namespace platform {
@@ -158,6 +164,77 @@ TEST_F(LinuxNameStoreTest, FailedWriteLeavesTheOldFileWhole) {
   EXPECT_FALSE(committed);
   EXPECT_EQ(contents("/etc/machine-info"), old_info);
   EXPECT_EQ(store_->computer_name(), "Old");
+}
+
+// A real Avahi daemon on the sandbox's own bus, in network and mount
+// namespaces of its own so that it neither sends on the machine's links
+// nor touches its /run; it reads the configuration file the store edits.
+class ConfinedAvahi {
+ public:
+  ConfinedAvahi(const testing::ScratchDir& root, const std::string& conf) {
+    if (::geteuid() != 0 || ::access("/usr/sbin/avahi-daemon", X_OK) != 0 || ::access("/usr/bin/unshare", X_OK) != 0)
+      return;
+    const std::string script =
+        "set -e; for d in /run/avahi-daemon /etc/avahi/services; do mkdir -p $d; mount -t tmpfs tmpfs $d; done; "
+        "exec /usr/sbin/avahi-daemon --no-drop-root --no-chroot --no-rlimits -f " +
+        conf + " >/dev/null 2>&1";
+    const std::string bus = "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + root.path(kSystemBusSocketPath);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::putenv(const_cast<char*>(bus.c_str()));
+      // Without --fork, unshare and the shell exec into Avahi, which keeps
+      // this child's pid: the test stops and reaps the daemon itself.
+      ::execl("/usr/bin/unshare", "unshare", "--net", "--mount", "/bin/sh", "-c", script.c_str(),
+              static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+  }
+  ~ConfinedAvahi() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    int status;
+    ::waitpid(pid_, &status, 0);
+  }
+  ConfinedAvahi(const ConfinedAvahi&) = delete;
+  ConfinedAvahi& operator=(const ConfinedAvahi&) = delete;
+
+  bool started() const { return pid_ > 0; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+TEST_F(LinuxNameStoreTest, LocalHostNameReachesARunningAvahi) {
+  testing::PrivateSystemBus system_bus(root_);
+  if (!system_bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
+  root_.write("/etc/avahi/avahi-daemon.conf",
+              "[server]\nhost-name=before\nuse-ipv4=yes\nuse-ipv6=no\nenable-dbus=yes\n"
+              "[publish]\npublish-hinfo=no\npublish-workstation=no\n");
+  ConfinedAvahi avahi(root_, root_.path("/etc/avahi/avahi-daemon.conf"));
+  if (!avahi.started()) GTEST_SKIP() << "needs root, avahi-daemon and unshare";
+
+  SdBusPtr bus = open_system_bus();
+  ASSERT_NE(bus, nullptr);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (name_services::avahi_host_name(bus.get()) != "before" && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_EQ(name_services::avahi_host_name(bus.get()), "before") << "avahi-daemon did not come up on the bus";
+  EXPECT_EQ(store_->local_host_name(), "before");
+
+  std::unique_ptr<PreferencesSession> session = store_->open_preferences("hubwarden_info");
+  ASSERT_TRUE(session->lock());
+  ASSERT_TRUE(session->set_local_host_name("after"));
+  ASSERT_TRUE(session->set_computer_name("After Hours"));
+  ASSERT_TRUE(session->commit());
+  ASSERT_TRUE(session->apply());
+  EXPECT_TRUE(session->apply()) << "asking Avahi for the name it has is no failure";
+  session->unlock();
+
+  EXPECT_EQ(name_services::avahi_host_name(bus.get()), "after");
+  EXPECT_EQ(store_->local_host_name(), "after");
+  EXPECT_EQ(avahi_conf::host_name(contents("/etc/avahi/avahi-daemon.conf")), "after");
+  // No hostnamed on this bus: the pretty name goes to the file.
+  EXPECT_EQ(contents("/etc/machine-info"), "PRETTY_HOSTNAME=\"After Hours\"\n");
 }
 
 }  // namespace
