@@ -33,6 +33,8 @@ PathMap default_path_map() {
       {"/var/db", "/var/lib/hubwarden/db"},
       {"/private/var/run", "/run/hubwarden"},
       {"/Library/Logs", "/var/log/hubwarden"},
+      // Debian's NTP daemon (ntpsec) reads its configuration from here.
+      {"/etc/ntp.conf", "/etc/ntpsec/ntp.conf"},
   };
   PathMap map;
   std::string why;
