@@ -21,11 +21,13 @@ namespace hubwarden {
 
 namespace {
 
-// The session lives for the process; the snapshot is replaced after every
-// check. The pending flag is set on the loop thread and cleared by the
-// worker; a race costs at most one extra check.
+// The session lives for the process and is never destroyed: at exit the
+// run loop it is scheduled on is already gone, and a destructor run then
+// would cancel its watches on a dead loop. The snapshot is replaced after
+// every check. The pending flag is set on the loop thread and cleared by
+// the worker; a race costs at most one extra check.
 std::mutex gWatchMutex;
-std::unique_ptr<platform::StoreSession> gStoreSession;  // guarded by gWatchMutex
+platform::StoreSession* gStoreSession = nullptr;  // guarded by gWatchMutex
 std::optional<Array> gLastSnapshot;                     // guarded by gWatchMutex
 std::atomic<bool> gCheckPending{false};
 
@@ -90,7 +92,10 @@ void init_info_hostname() {
 
   Array snapshot = take_snapshot();
   std::lock_guard lock(gWatchMutex);
-  if (session) gStoreSession = std::move(session);
+  if (session) {
+    delete gStoreSession;  // a second start, from tests only
+    gStoreSession = session.release();
+  }
   gLastSnapshot = std::move(snapshot);
 }
 
@@ -255,7 +260,8 @@ std::optional<Array> last_snapshot_for_testing() {
 
 void reset_hostname_watch_for_testing() {
   std::lock_guard lock(gWatchMutex);
-  gStoreSession.reset();
+  delete gStoreSession;
+  gStoreSession = nullptr;
   gLastSnapshot.reset();
   gCheckPending = false;
 }
