@@ -5,8 +5,6 @@
 
 namespace hubwarden {
 
-// Monitoring
-
 // Software update
 ErrorName get_swupdate_status(ReplySlot&, Dict*) { return nullptr; }
 ErrorName start_swupdate_scan(const Value*, ReplySlot&, Dict*) { return nullptr; }
@@ -16,8 +14,6 @@ ErrorName reset_ignored_swupdate_identifiers(ReplySlot&, Dict*) { return nullptr
 ErrorName reboot_post_swupdate(const Dict&, ReplySlot&, Dict*) { return nullptr; }
 void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
-
-// Host identity and time
 
 // Notifications
 ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
