@@ -73,6 +73,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# What the server's names, clock and advertising use when present; the
+# daemon runs without them and says what is missing.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "avahi-daemon, ntpsec, ntpsec-ntpdate")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "krb5-user")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/conffiles)
 include(CPack)

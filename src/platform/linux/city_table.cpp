@@ -176,11 +176,16 @@ std::unique_ptr<CityDatabase> open_city_table(const std::string& path, std::stri
 
 std::unique_ptr<CityDatabase> make_city_database() {
   std::string path;
+  // The program's own installation comes before the machine's: a package
+  // unpacked elsewhere (or a build tree) uses the table it came with.
+  std::string dir = program_directory();
   if (const char* env = ::getenv("HUBWARDEN_CITY_TABLE"); env && *env) {
     path = env;
+  } else if (!dir.empty() && exists_on_machine(dir + "/../share/hubwardend/cities.bin")) {
+    path = dir + "/../share/hubwardend/cities.bin";
   } else if (exists_on_machine(kInstalledCityTablePath)) {
     path = kInstalledCityTablePath;
-  } else if (std::string dir = program_directory(); !dir.empty() && exists_on_machine(dir + "/cities.bin")) {
+  } else if (!dir.empty() && exists_on_machine(dir + "/cities.bin")) {
     path = dir + "/cities.bin";
   }
   if (path.empty()) {

@@ -53,8 +53,9 @@ class CityTable : public CityDatabase {
 // CityTable::open as the generic interface.
 std::unique_ptr<CityDatabase> open_city_table(const std::string& path, std::string* error);
 
-// The table the host uses: $HUBWARDEN_CITY_TABLE when set, else the
-// installed kInstalledCityTablePath, else cities.bin beside the running
+// The table the host uses: $HUBWARDEN_CITY_TABLE when set, else the one
+// installed with the running program (../share/hubwardend/cities.bin from
+// its folder), else kInstalledCityTablePath, else cities.bin beside the
 // program (a build tree). The first that exists is opened; when none does,
 // or it cannot be used, one line goes to the system log and the database is
 // empty.
