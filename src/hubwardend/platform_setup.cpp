@@ -20,6 +20,7 @@
 #include "platform/linux/job_map.h"
 #include "platform/linux/metered_interfaces.h"
 #include "platform/linux/meters_linux.h"
+#include "platform/linux/proc_process_finder.h"
 #include "platform/linux/proc_process_table.h"
 #include "platform/linux/process_signals.h"
 #include "platform/linux/systemd_service_manager.h"
@@ -109,6 +110,7 @@ void Host::add_services() {
       b.add<platform::InterfaceStats>(std::make_unique<ReloadableInterfaceStats>(platform::load_metered_interfaces()));
   b.add<platform::Volumes>(platform::make_mount_volumes());
   b.add<platform::ProcessTable>(platform::make_proc_process_table());
+  b.add<platform::ProcessFinder>(platform::make_proc_process_finder());
   // A host on a sandbox root may signal only the processes it started.
   if (paths_ && paths_->is_real_root())
     b.add<platform::ProcessSignals>(platform::make_linux_process_signals());
