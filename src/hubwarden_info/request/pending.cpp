@@ -2,6 +2,7 @@
 // command that is not served yet: no reply, no error, no side effect.
 // A subsystem that lands removes its entries from this file.
 #include "request/operations.h"
+#include "swupdate/periodic_check.h"
 
 namespace hubwarden {
 
@@ -14,6 +15,7 @@ ErrorName reset_ignored_swupdate_identifiers(ReplySlot&, Dict*) { return nullptr
 ErrorName reboot_post_swupdate(const Dict&, ReplySlot&, Dict*) { return nullptr; }
 void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
+void periodic_swupdate_check(Dict*, int, EventPortSession&) {}
 
 // Notifications
 ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
