@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <set>
+
 #include "hubwardend/history_store.h"
 #include "hubwardend/network.h"
 #include "hubwardend/reloadable_services.h"
@@ -11,10 +13,8 @@
 #include "platform/linux/basics.h"
 #include "platform/linux/city_table.h"
 #include "platform/linux/dbus_notifications.h"
-#include "platform/linux/global_preferences.h"
-#include "platform/linux/store_watcher.h"
-#include "platform/linux/time_zones_icu.h"
 #include "platform/linux/directory_store.h"
+#include "platform/linux/global_preferences.h"
 #include "platform/linux/host_config.h"
 #include "platform/linux/host_paths.h"
 #include "platform/linux/job_map.h"
@@ -23,7 +23,9 @@
 #include "platform/linux/proc_process_finder.h"
 #include "platform/linux/proc_process_table.h"
 #include "platform/linux/process_signals.h"
+#include "platform/linux/store_watcher.h"
 #include "platform/linux/systemd_service_manager.h"
+#include "platform/linux/time_zones_icu.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 
@@ -131,7 +133,18 @@ void Host::add_services() {
     b.add<platform::ServiceManager>(services_);
     for (auto& module : load_service_modules(services_->host_service_map(), services_))
       modules_->add_module(std::move(module));
+    watch_units(services_->host_service_map());
   }
+}
+
+void Host::watch_units(const platform::HostServiceMap& map) {
+  if (!options_.run_loop) return;
+  // Every candidate: one that is not installed simply never changes.
+  std::set<std::string> units;
+  for (const auto& [job, candidates] : map.jobs) units.insert(candidates.begin(), candidates.end());
+  for (const auto& [module, candidates] : map.service_modules) units.insert(candidates.begin(), candidates.end());
+  unit_watch_.reset();
+  unit_watch_ = platform::make_unit_state_watch(options_.run_loop, std::move(units));
 }
 
 std::optional<std::string> Host::missing_service() const {
@@ -176,12 +189,17 @@ std::optional<std::string> Host::reload_configuration() {
   paths_->replace_prefixes(platform::load_path_map(options_.root));
   tail_->reload(load_log_sources());
   interfaces_->reload(platform::load_metered_interfaces());
-  if (services_) modules_->replace_service_modules(load_service_modules(platform::load_host_service_map(), services_));
+  if (services_) {
+    platform::HostServiceMap map = platform::load_host_service_map();
+    modules_->replace_service_modules(load_service_modules(map, services_));
+    watch_units(map);
+  }
   platform::log_notice("hubwardend: host configuration reloaded");
   return std::nullopt;
 }
 
 Host::~Host() {
+  unit_watch_.reset();  // posts nothing more
   // Background work still uses the services; let it finish first.
   if (queue_) queue_->wait_until_idle();
   if (published_) platform::withdraw(bundle_.get());

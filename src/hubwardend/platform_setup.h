@@ -19,6 +19,8 @@
 #include "hubwardend/background_queue.h"
 #include "hubwardend/module_manager.h"
 #include "hubwardend/requester.h"
+#include "platform/linux/job_map.h"
+#include "platform/linux/unit_state_watch.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "platform/run_loop.h"
@@ -76,6 +78,9 @@ class Host {
   void add_services();
   // The first required service missing from the bundle, or nullopt.
   std::optional<std::string> missing_service() const;
+  // Watches the units of map's jobs and service modules for state changes
+  // (long-running host only), replacing the watch in effect.
+  void watch_units(const platform::HostServiceMap& map);
 
   const HostOptions options_;
   std::unique_ptr<platform::ServiceBundle> bundle_;
@@ -87,6 +92,7 @@ class Host {
   ReloadableTailService* tail_ = nullptr;
   ReloadableInterfaceStats* interfaces_ = nullptr;
   std::shared_ptr<platform::SystemdServiceManager> services_;  // also in the bundle
+  std::unique_ptr<platform::UnitStateWatch> unit_watch_;
 };
 
 }  // namespace hubwardend
