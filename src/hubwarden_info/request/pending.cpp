@@ -17,7 +17,4 @@ void delete_swupdate_status_dict(Dict*) {}
 ErrorName periodic_swupdate_handler(Dict*) { return nullptr; }
 void periodic_swupdate_check(Dict*, int, EventPortSession&) {}
 
-// Notifications
-ErrorName periodic_notifications_handler(Dict*, int) { return nullptr; }
-
 }  // namespace hubwarden
