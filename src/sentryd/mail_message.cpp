@@ -12,6 +12,9 @@ namespace sentryd {
 namespace {
 
 constexpr size_t kMaxSubjectBytes = 600;
+// 39 bytes make 52 base64 characters, 64 with the encoded word's frame, so
+// even the first line, behind "Subject: ", stays within 78 characters.
+constexpr size_t kEncodedChunkBytes = 39;
 
 bool is_special(char c) {
   switch (c) {
@@ -72,7 +75,7 @@ std::string encode_subject(std::string_view raw) {
   std::string out;
   size_t start = 0;
   while (start < text.size()) {
-    size_t end = std::min(text.size(), start + 45);
+    size_t end = std::min(text.size(), start + kEncodedChunkBytes);
     while (end < text.size() && end > start + 1 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
     if (!out.empty()) out += "\r\n ";
     out += "=?UTF-8?B?" + base64(std::string_view(text).substr(start, end - start)) + "?=";
@@ -99,7 +102,10 @@ std::string quoted_printable(std::string_view body) {
       unsigned char u = static_cast<unsigned char>(line[i]);
       bool last = i + 1 == line.size();
       std::string piece;
-      if ((u >= 33 && u <= 126 && u != '=') || ((u == ' ' || u == '\t') && !last)) {
+      // A dot opening a line is encoded so that no transport can take a
+      // line of the body for the end of the message.
+      bool plain = (u >= 33 && u <= 126 && u != '=' && !(u == '.' && width == 0)) || ((u == ' ' || u == '\t') && !last);
+      if (plain) {
         piece = static_cast<char>(u);
       } else {
         append_hex(&piece, u);
