@@ -17,8 +17,12 @@ if(SENTRYD_TESTS)
   gtest_discover_tests(sentryd_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endif()
 
+# The benchmark glob of the top-level file may have made the target
+# already; either way it needs the core library and the shipped rules.
 if(HUBWARDEN_BENCH AND EXISTS ${CMAKE_SOURCE_DIR}/bench/sentryd_bench.cpp)
-  add_executable(sentryd_bench ${CMAKE_SOURCE_DIR}/bench/sentryd_bench.cpp)
+  if(NOT TARGET sentryd_bench)
+    add_executable(sentryd_bench ${CMAKE_SOURCE_DIR}/bench/sentryd_bench.cpp)
+  endif()
   target_link_libraries(sentryd_bench PRIVATE sentryd_core benchmark::benchmark)
   target_compile_definitions(sentryd_bench PRIVATE SENTRYD_SHIPPED_RULES="${CMAKE_SOURCE_DIR}/packaging/sentryd.d/rules")
 endif()
