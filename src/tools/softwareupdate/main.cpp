@@ -2,6 +2,8 @@
 // behalf of the administration module, which starts it detached with an
 // empty environment and every descriptor closed. It therefore sets up the
 // environment apt needs and must never wait for a person.
+#include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +17,18 @@
 #include "tools/softwareupdate/update_jobs.h"
 
 namespace {
+
+// The module closes every descriptor before it executes us, standard
+// streams included. Left closed, the first files and pipes we open would
+// become "standard output" and collect whatever is printed there.
+void reopen_standard_streams() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+      int null_fd = ::open("/dev/null", O_RDWR);
+      if (null_fd > 2) ::close(null_fd);
+    }
+  }
+}
 
 void prepare_environment() {
   ::setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
@@ -32,6 +46,7 @@ void prepare_environment() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  reopen_standard_streams();
   prepare_environment();
   std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
   softwareupdate::CommandLine command_line = softwareupdate::parse_command_line(args);
