@@ -75,7 +75,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # What the server's names, clock and advertising use when present; the
 # daemon runs without them and says what is missing.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "avahi-daemon, ntpsec, ntpsec-ntpdate")
+# The event monitor hands its mail to the local MTA unless a relay is set.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "avahi-daemon, ntpsec, ntpsec-ntpdate, default-mta | mail-transport-agent")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "krb5-user")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/conffiles)
