@@ -24,6 +24,31 @@ std::optional<int> FakeTasks::spawn_detached(const std::string& path, const std:
   return it == spawns_.end() ? std::nullopt : it->second;
 }
 
+DetachedLaunch FakeTasks::launch_detached(const std::string& path, const std::vector<std::string>& argv) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  invocations_.push_back(Invocation{path, argv, {}, 0, true});
+  auto it = launches_.find(path);
+  if (it != launches_.end()) return it->second;
+  return DetachedLaunch{4242, 0, 0};
+}
+
+bool FakeTasks::has_tool(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = present_.find(path);
+  if (it != present_.end()) return it->second;
+  return handlers_.count(path) > 0 || spawns_.count(path) > 0 || launches_.count(path) > 0;
+}
+
+void FakeTasks::set_launch(const std::string& path, DetachedLaunch launch) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  launches_[path] = launch;
+}
+
+void FakeTasks::set_tool_present(const std::string& path, bool present) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  present_[path] = present;
+}
+
 void FakeTasks::set_result(const std::string& path, TaskResult result) {
   result.launched = true;
   set_handler(path, [result](const Invocation&) { return result; });

@@ -11,13 +11,16 @@
 //
 // Under a sandbox root a tool runs from inside the root or not at all, so
 // that a sandbox can hold stand-ins and nothing run against it (a reboot, a
-// clock or name change) ever reaches the machine.
+// clock or name change) ever reaches the machine. The tools table, read
+// once when the runner is made, says what runs in place of a tool the
+// module names; the same rule then applies to what it names.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -29,6 +32,7 @@
 #include <limits>
 
 #include "platform/linux/basics.h"
+#include "platform/linux/tool_map.h"
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "platform/root_fs.h"
@@ -99,12 +103,36 @@ std::optional<std::string> tool_to_run(const std::string& path) {
   return std::string(found, static_cast<size_t>(n));
 }
 
-std::vector<char*> make_argv(const std::string& path, const std::vector<std::string>& args) {
-  std::vector<char*> argv;
-  if (args.empty()) argv.push_back(const_cast<char*>(path.c_str()));
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  return argv;
+// A tool ready to exec: the file to execute and the argument strings, kept
+// here so that the pointers handed to exec stay valid across the fork.
+struct Command {
+  std::string program;
+  std::vector<std::string> args;
+  std::vector<char*> argv() {
+    std::vector<char*> out;
+    for (std::string& a : args) out.push_back(a.data());
+    out.push_back(nullptr);
+    return out;
+  }
+};
+
+// The command for the tool the module names path, with args (args[0] its
+// name). A mapped tool runs under the mapped program's name, since programs
+// that serve several commands (systemctl as reboot) choose by argv[0]; the
+// table's leading arguments come before the module's own.
+std::optional<Command> prepare(const ToolMap& tools, const std::string& path, const std::vector<std::string>& args) {
+  std::vector<std::string> mapped = tools.command_for(path);
+  std::optional<std::string> program = tool_to_run(mapped.front());
+  if (!program) return std::nullopt;
+  Command command{*program, {}};
+  if (mapped.size() == 1 && mapped.front() == path) {
+    command.args = args;
+    if (command.args.empty()) command.args.push_back(path);
+  } else {
+    command.args = mapped;
+    if (!args.empty()) command.args.insert(command.args.end(), args.begin() + 1, args.end());
+  }
+  return command;
 }
 
 double monotonic_now() {
@@ -226,16 +254,27 @@ bool child_has_exited(pid_t pid) {
   return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
 }
 
+// The soft limit of open files, which bounds the descriptors a process can
+// hold; 10240 when it cannot be read.
+int open_files_limit() {
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 10240;
+  return static_cast<int>(std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max()));
+}
+
 class ProcessTasks : public Tasks {
  public:
+  explicit ProcessTasks(ToolMap tools) : tools_(std::move(tools)) {}
+
   TaskResult run(const std::string& path, const std::vector<std::string>& args, const std::string& input,
                  double timeout_seconds) override {
     TaskResult result;
-    std::optional<std::string> tool = tool_to_run(path);
-    if (!tool) return result;
+    std::optional<Command> command = prepare(tools_, path, args);
+    if (!command) return result;
+    const std::string* tool = &command->program;
     Pipe in, out, err, report;
     if (!in.open() || !out.open() || !err.open() || !report.open()) return result;
-    std::vector<char*> argv = make_argv(path, args);
+    std::vector<char*> argv = command->argv();
 
     pid_t pid = ::fork();
     if (pid < 0) return result;
@@ -266,11 +305,12 @@ class ProcessTasks : public Tasks {
   }
 
   std::optional<int> spawn_detached(const std::string& path, const std::vector<std::string>& args) override {
-    std::optional<std::string> program = tool_to_run(path);
-    if (!program) return std::nullopt;
+    std::optional<Command> command = prepare(tools_, path, args);
+    if (!command) return std::nullopt;
+    const std::string* program = &command->program;
     Pipe report;
     if (!report.open()) return std::nullopt;
-    std::vector<char*> argv = make_argv(path, args);
+    std::vector<char*> argv = command->argv();
 
     pid_t middle = ::fork();
     if (middle < 0) return std::nullopt;
@@ -321,12 +361,82 @@ class ProcessTasks : public Tasks {
     return pid;
   }
 
+  DetachedLaunch launch_detached(const std::string& path, const std::vector<std::string>& args) override {
+    DetachedLaunch launch;
+    std::optional<Command> command = prepare(tools_, path, args);
+    Pipe report;
+    if (!report.open()) {
+      launch.fork_errno = errno;
+      return launch;
+    }
+    // A tool that is missing fails its exec in the job, as it would have
+    // on a system where the module's path is the tool itself.
+    static const char kMissing[] = "/nonexistent/hubwarden-tool";
+    std::vector<char*> argv;
+    if (command) {
+      argv = command->argv();
+    } else {
+      argv = {const_cast<char*>(path.c_str()), nullptr};
+    }
+    const char* program = command ? command->program.c_str() : kMissing;
+    char* const empty_environment[] = {nullptr};
+    const int limit = open_files_limit();
+
+    pid_t middle = ::fork();
+    if (middle < 0) {
+      launch.fork_errno = errno;
+      return launch;
+    }
+    if (middle == 0) {
+      // Above the standard descriptors, which daemon(3) points at the null
+      // device.
+      int wfd = lift(report.write.get());
+      if (::daemon(1, 0) != 0) {
+        int e = errno;
+        write_all_raw(wfd, &e, sizeof e);
+        ::_exit(0);
+      }
+      sigset_t none;
+      sigemptyset(&none);
+      ::sigprocmask(SIG_SETMASK, &none, nullptr);
+      struct sigaction dfl = {};
+      dfl.sa_handler = SIG_DFL;
+      ::sigaction(SIGPIPE, &dfl, nullptr);
+      // The report pipe is close-on-exec: it stays until the exec, so the
+      // parent's read ends only once the job runs or has given up.
+      for (int fd = limit - 1; fd >= 0; --fd) {
+        if (fd != wfd) ::close(fd);
+      }
+      ::execve(program, argv.data(), empty_environment);
+      ::_exit(1);
+    }
+    report.write.reset();
+    wait_for_exit(middle);
+    launch.pid = middle;
+    int e = 0;
+    for (;;) {
+      ssize_t n = ::read(report.read.get(), &e, sizeof e);
+      if (n < 0 && errno == EINTR) continue;
+      if (n == static_cast<ssize_t>(sizeof e)) launch.daemon_errno = e;
+      break;
+    }
+    return launch;
+  }
+
+  bool has_tool(const std::string& path) override {
+    std::optional<Command> command = prepare(tools_, path, {});
+    struct stat st;
+    return command && ::stat(command->program.c_str(), &st) == 0;
+  }
+
  private:
   struct Message {
     enum Kind : int { kPid = 1, kExecFailed = 2, kForkFailed = 3 };
     int kind = 0;
     int value = 0;
   };
+
+  const ToolMap tools_;
 
   static bool read_message(int fd, Message* m) {
     size_t got = 0;
@@ -421,6 +531,6 @@ class ProcessTasks : public Tasks {
 
 }  // namespace
 
-std::unique_ptr<Tasks> make_process_tasks() { return std::make_unique<ProcessTasks>(); }
+std::unique_ptr<Tasks> make_process_tasks() { return std::make_unique<ProcessTasks>(load_tool_map()); }
 
 }  // namespace platform
