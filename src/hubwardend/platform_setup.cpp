@@ -14,6 +14,7 @@
 #include "platform/linux/city_table.h"
 #include "platform/linux/dbus_notifications.h"
 #include "platform/linux/directory_store.h"
+#include "platform/linux/event_port_socket.h"
 #include "platform/linux/global_preferences.h"
 #include "platform/linux/host_config.h"
 #include "platform/linux/host_paths.h"
@@ -113,6 +114,7 @@ void Host::add_services() {
   b.add<platform::Volumes>(platform::make_mount_volumes());
   b.add<platform::ProcessTable>(platform::make_proc_process_table());
   b.add<platform::ProcessFinder>(platform::make_proc_process_finder());
+  b.add<platform::EventMonitor>(platform::make_socket_event_monitor());
   // A host on a sandbox root may signal only the processes it started.
   if (paths_ && paths_->is_real_root())
     b.add<platform::ProcessSignals>(platform::make_linux_process_signals());
@@ -173,6 +175,8 @@ std::optional<std::string> Host::missing_service() const {
   require<platform::Volumes>(b, "volumes", &missing);
   require<platform::ProcessTable>(b, "process table", &missing);
   require<platform::ProcessSignals>(b, "process signals", &missing);
+  require<platform::ProcessFinder>(b, "process finder", &missing);
+  require<platform::EventMonitor>(b, "event monitor port", &missing);
   if (options_.run_loop) require<platform::RunLoop>(b, "run loop", &missing);
   return missing;
 }

@@ -7,10 +7,11 @@
 
 #include "access/acls.h"
 #include "identity/city_record.h"
-#include "identity/ntp_conf.h"
 #include "identity/names.h"
+#include "identity/ntp_conf.h"
 #include "identity/time_settings.h"
 #include "identity/time_zone.h"
+#include "notify/notification_settings.h"
 #include "platform/registry.h"
 #include "platform/service_manager.h"
 #include "request/cached_state.h"
@@ -154,9 +155,10 @@ ErrorName write_settings(const Dict& request, ReplySlot& reply, Dict* context) {
       ReplySlot ignored;
       write_service_config(&service_request, ignored, context);
     }
-    if (config.find_dict("notifications") != nullptr) {
-      // Writing the notification rules lands with the notifications
-      // subsystem.
+    if (const Dict* notifications = config.find_dict("notifications")) {
+      Dict notifications_request{{"notifications_settings", *notifications}};
+      ReplySlot ignored;
+      write_notifications_settings(&notifications_request, ignored, context);
     }
 
     update_cached_state(context);
