@@ -163,15 +163,19 @@ void write_all_raw(int fd, const void* data, size_t size) {
 }
 
 // Child side, before exec: undo what the daemon set up for itself (blocked
-// or ignored signals are inherited across exec) and keep its other
-// descriptors out of the tool.
-void reset_child_state() {
+// or ignored signals are inherited across exec).
+void reset_signal_state() {
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
   struct sigaction dfl = {};
   dfl.sa_handler = SIG_DFL;
   ::sigaction(SIGPIPE, &dfl, nullptr);
+}
+
+// The same, and the daemon's other descriptors kept out of the tool.
+void reset_child_state() {
+  reset_signal_state();
   ::syscall(SYS_close_range, 3u, ~0u, CLOSE_RANGE_CLOEXEC);
 }
 
@@ -409,12 +413,7 @@ class ProcessTasks : public Tasks {
         write_all_raw(wfd, &e, sizeof e);
         ::_exit(0);
       }
-      sigset_t none;
-      sigemptyset(&none);
-      ::sigprocmask(SIG_SETMASK, &none, nullptr);
-      struct sigaction dfl = {};
-      dfl.sa_handler = SIG_DFL;
-      ::sigaction(SIGPIPE, &dfl, nullptr);
+      reset_signal_state();
       // The report pipe is close-on-exec: it stays until the exec, so the
       // parent's read ends only once the job runs or has given up.
       close_all_but(wfd, limit);
