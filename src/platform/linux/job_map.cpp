@@ -90,20 +90,23 @@ HostServiceMap default_host_service_map() {
   HostServiceMap map;
   const std::vector<std::string> ssh = {"ssh.service", "sshd.service"};
   const std::vector<std::string> ntp = {"ntpsec.service", "ntp.service", "chrony.service", "systemd-timesyncd.service"};
-  const std::vector<std::string> filesync = {"syncthing@root.service"};
+  const std::vector<std::string> filesync = {"hubwarden-filesync.service"};
+  const std::vector<std::string> filer = {"hubwarden-filerd.service"};
   map.jobs = {
       {"org.net-snmp.snmpd", {"snmpd.service"}},
       {"com.openssh.sshd", ssh},
       {"/System/Library/LaunchDaemons/ssh.plist", ssh},
       {"org.ntp.ntpd", ntp},
       {"/System/Library/LaunchDaemons/org.ntp.ntpd.plist", ntp},
-      {"com.marlo.screenlink", {"x11vnc.service", "vncserver@:1.service"}},
+      {"com.marlo.screenlink", {"tigervncserver@:1.service"}},
+      {"com.marlo.FilerServer", filer},
+      {"/System/Library/LaunchDaemons/com.marlo.FilerServer.plist", filer},
       {"com.marlo.filesyncd", filesync},
       {"/System/Library/LaunchDaemons/com.marlo.FileSyncAgent.sshd.plist", filesync},
   };
   map.service_modules = {
       {"hubwarden_addressbook", {"radicale.service"}},
-      {"hubwarden_filer", {"netatalk.service"}},
+      {"hubwarden_filer", filer},
       {"hubwarden_calendar", {"radicale.service"}},
       {"hubwarden_dhcp", {"isc-dhcp-server.service", "kea-dhcp4-server.service"}},
       {"hubwarden_dirserv", {"slapd.service"}},

@@ -62,11 +62,11 @@ TEST(SystemdServiceManager, JobsFollowTheFirstInstalledCandidate) {
   EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/org.ntp.ntpd.plist", true), EPERM);
 
   // Template instances from the configuration work as jobs.
-  root.write("/lib/systemd/system/syncthing@.service",
-             "[Service]\nExecStart=/usr/bin/syncthing serve\n" + std::string(kWanted));
-  EXPECT_EQ(manager.set_job_enabled("/System/Library/LaunchDaemons/com.marlo.FileSyncAgent.sshd.plist", true), 0);
-  EXPECT_TRUE(root.exists("/etc/systemd/system/multi-user.target.wants/syncthing@root.service"));
-  EXPECT_TRUE(manager.job_enabled("com.marlo.filesyncd"));
+  root.write("/lib/systemd/system/tigervncserver@.service",
+             "[Service]\nExecStart=/usr/sbin/tigervncsession %i\n" + std::string(kWanted));
+  EXPECT_EQ(manager.set_job_enabled("com.marlo.screenlink", true), 0);
+  EXPECT_TRUE(root.exists("/etc/systemd/system/multi-user.target.wants/tigervncserver@:1.service"));
+  EXPECT_TRUE(manager.job_enabled("com.marlo.screenlink"));
 }
 
 TEST(SystemdServiceManager, ActivityComesFromTheProcessTableNotFromEnabling) {
