@@ -80,6 +80,13 @@ class Directory {
 
   // The directory servers the machine's directory client is configured for.
   virtual std::vector<DirectoryServer> configured_servers() = 0;
+
+  // A numeric group id that no group holds now: neither a group of the
+  // directory nor, at the real root, one of the system's groups. Nothing is
+  // reserved, so a caller that creates a group with it should do so soon;
+  // two calls without a creation between them may give the same id.
+  // nullopt when no id is free or the directory cannot say.
+  virtual std::optional<uint32_t> generate_legacy_gid() { return std::nullopt; }
 };
 
 }  // namespace platform

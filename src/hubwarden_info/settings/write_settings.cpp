@@ -18,6 +18,7 @@
 #include "request/globals.h"
 #include "request/operations.h"
 #include "settings/settings_file.h"
+#include "switches/switch_state.h"
 
 namespace hubwarden {
 
@@ -123,11 +124,11 @@ ErrorName write_settings(const Dict& request, ReplySlot& reply, Dict* context) {
       status.note(set_localcast_name(*name));
     }
     if (const Value* snmp = config.find_number("enableSNMP")) status.note(set_snmp_state(snmp->number_is_true()));
-    if (config.find_number("enableSSH") != nullptr || config.find_number("enableScreenlink") != nullptr ||
-        config.find_number("enableFileSyncAgent") != nullptr) {
-      // The SSH, remote desktop and file sync switches land with the
-      // service-switches subsystem.
-    }
+    if (const Value* ssh = config.find_number("enableSSH")) status.note(set_ssh_state(ssh->number_is_true()));
+    if (const Value* screenlink = config.find_number("enableScreenlink"))
+      status.note(set_screenlink_state(screenlink->number_is_true()));
+    if (const Value* filesync = config.find_number("enableFileSyncAgent"))
+      status.note(set_filesyncd_state(filesync->number_is_true()));
     if (const Value* discovery = config.find_number("enableClientDiscovery")) {
       bool ask_to_ignore = !discovery->number_is_true();
       overwrite_key_in_settings_file(Value(ask_to_ignore), "askClientsToIgnoreVantorZeroconfReg");

@@ -229,4 +229,15 @@ std::vector<DirectoryServer> FakeDirectory::configured_servers() {
   return servers_;
 }
 
+std::optional<uint32_t> FakeDirectory::generate_legacy_gid() {
+  std::lock_guard<std::mutex> lock(mu_);
+  ++legacy_gid_calls_;
+  return next_gid_++;
+}
+
+int FakeDirectory::legacy_gid_calls() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return legacy_gid_calls_;
+}
+
 }  // namespace platform

@@ -61,6 +61,10 @@ class FakeDirectory : public Directory {
   std::vector<std::string> groups_with_prefix(const std::string& node_path, const std::string& prefix,
                                               size_t limit) override;
   std::vector<DirectoryServer> configured_servers() override;
+  // Increasing ids from the same counter that numbers created groups.
+  std::optional<uint32_t> generate_legacy_gid() override;
+  // How often generate_legacy_gid was called.
+  int legacy_gid_calls();
 
  private:
   int32_t write_locked(const std::string& node, const std::string& group, const plist::Dict* attributes,
@@ -76,6 +80,7 @@ class FakeDirectory : public Directory {
   std::vector<std::pair<std::string, size_t>> queries_;
   uint32_t next_gid_ = 1025;
   uint32_t next_guid_ = 1;
+  int legacy_gid_calls_ = 0;
 };
 
 }  // namespace platform

@@ -208,6 +208,12 @@ class DirectoryStore : public Directory {
     return names;
   }
 
+  std::optional<uint32_t> generate_legacy_gid() override {
+    uint32_t gid = free_group_id();
+    if (gid == std::numeric_limits<uint32_t>::max()) return std::nullopt;
+    return gid;
+  }
+
   std::vector<DirectoryServer> configured_servers() override {
     std::optional<std::string> conf = read_file(resolve(kDirectoryClientConfig));
     if (!conf) return {};
