@@ -98,9 +98,11 @@ CONF
   }
 }
 
-# Starts smbd in the foreground (our child) and waits for its port.
+# Starts smbd in the foreground (our child) and waits for its port. It gets
+# a session of its own: when told to shut down, smbd signals its whole
+# process group, which must not be the caller's.
 samba_scratch_start_smbd() {
-  smbd -F --no-process-group -s "$SAMBA_SCRATCH_CONF" \
+  setsid smbd -F --no-process-group -s "$SAMBA_SCRATCH_CONF" \
     </dev/null >>"$SAMBA_SCRATCH_DIR/log/smbd.stdout" 2>&1 &
   SAMBA_SCRATCH_SMBD_PID=$!
   if ! samba_scratch_wait_for "${SAMBA_SCRATCH_WAIT:-15}" samba_scratch_port_answers "$SAMBA_SCRATCH_PORT"; then
@@ -141,17 +143,17 @@ samba_scratch_open_session() {
 
 # true while the held smbclient runs.
 samba_scratch_session_alive() {
-  [ -n "$SAMBA_SCRATCH_CLIENT_PID" ] && kill -0 "$SAMBA_SCRATCH_CLIENT_PID" 2>/dev/null
+  [ -n "${SAMBA_SCRATCH_CLIENT_PID:-}" ] && kill -0 "$SAMBA_SCRATCH_CLIENT_PID" 2>/dev/null
 }
 
 # Ends the held session: closes its input (smbclient quits at end of input),
 # then kills it if it lingers.
 samba_scratch_close_session() {
-  if [ -n "$SAMBA_SCRATCH_CLIENT_FD" ]; then
+  if [ -n "${SAMBA_SCRATCH_CLIENT_FD:-}" ]; then
     exec {SAMBA_SCRATCH_CLIENT_FD}>&-
     SAMBA_SCRATCH_CLIENT_FD=
   fi
-  if [ -n "$SAMBA_SCRATCH_CLIENT_PID" ]; then
+  if [ -n "${SAMBA_SCRATCH_CLIENT_PID:-}" ]; then
     samba_scratch_wait_for 5 eval '! kill -0 "$SAMBA_SCRATCH_CLIENT_PID" 2>/dev/null' ||
       kill -KILL "$SAMBA_SCRATCH_CLIENT_PID" 2>/dev/null
     wait "$SAMBA_SCRATCH_CLIENT_PID" 2>/dev/null
@@ -163,14 +165,14 @@ samba_scratch_close_session() {
 # twice and from an EXIT trap.
 samba_scratch_stop() {
   samba_scratch_close_session
-  if [ -n "$SAMBA_SCRATCH_SMBD_PID" ]; then
+  if [ -n "${SAMBA_SCRATCH_SMBD_PID:-}" ]; then
     kill -TERM "$SAMBA_SCRATCH_SMBD_PID" 2>/dev/null
     samba_scratch_wait_for 5 eval '! kill -0 "$SAMBA_SCRATCH_SMBD_PID" 2>/dev/null' ||
       kill -KILL "$SAMBA_SCRATCH_SMBD_PID" 2>/dev/null
     wait "$SAMBA_SCRATCH_SMBD_PID" 2>/dev/null
     SAMBA_SCRATCH_SMBD_PID=
   fi
-  if [ -n "$SAMBA_SCRATCH_DIR" ] && [ -f "$SAMBA_SCRATCH_DIR/smb.conf" ]; then
+  if [ -n "${SAMBA_SCRATCH_DIR:-}" ] && [ -f "$SAMBA_SCRATCH_DIR/smb.conf" ]; then
     rm -rf "$SAMBA_SCRATCH_DIR"
   fi
   SAMBA_SCRATCH_DIR=
