@@ -52,10 +52,11 @@ TEST(ServiceModules, OnlyModulesWithAnInstalledUnitAreLoadedAndFollowIt) {
     units->set_unit("postfix.service", active);
     EXPECT_EQ(state_of(*modules[2]), expected) << active;
   }
-  // Only getState is answered, spelled exactly.
+  // A service whose users are not counted answers only getState, spelled
+  // exactly.
   for (const plist::Dict& request : {plist::Dict{{"command", "getConnectedUsers"}}, plist::Dict{{"command", 5}},
                                      plist::Dict{}, plist::Dict{{"command", "getstate"}}})
-    EXPECT_FALSE(mail->handle(request, "root"));
+    EXPECT_FALSE(modules[3]->handle(request, "root"));
 
   EXPECT_TRUE(load_service_modules(platform::HostServiceMap{}, units).empty());
 }
