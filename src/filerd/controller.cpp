@@ -1,6 +1,8 @@
 #include "filerd/controller.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,7 +39,21 @@ std::set<uint32_t> session_ids(const platform::SambaStatus& status) {
 // or a pipe. false when the record did not go out whole.
 bool write_event(int fd, const std::string& record) {
   ssize_t sent = ::send(fd, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-  if (sent < 0 && errno == ENOTSOCK) sent = ::write(fd, record.data(), record.size());
+  if (sent >= 0 || errno != ENOTSOCK) return sent == ssize_t(record.size());
+  // A pipe: write() has no MSG_NOSIGNAL, so a SIGPIPE for a gone reader is
+  // held blocked in this thread and taken back before it is unblocked.
+  sigset_t pipe_signal, old_mask;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &old_mask);
+  int mode = ::fcntl(fd, F_GETFL);
+  if (mode >= 0 && !(mode & O_NONBLOCK)) ::fcntl(fd, F_SETFL, mode | O_NONBLOCK);
+  sent = ::write(fd, record.data(), record.size());
+  if (sent < 0 && errno == EPIPE) {
+    timespec no_wait{0, 0};
+    sigtimedwait(&pipe_signal, nullptr, &no_wait);
+  }
+  pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
   return sent == ssize_t(record.size());
 }
 
