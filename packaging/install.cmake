@@ -58,6 +58,8 @@ install(FILES ${CMAKE_CURRENT_LIST_DIR}/pam.d/hubwardend DESTINATION /etc/pam.d)
 install(DIRECTORY DESTINATION /var/lib/hubwarden/preferences)
 install(DIRECTORY DESTINATION /var/lib/hubwarden/db)
 install(DIRECTORY DESTINATION /var/log/hubwarden)
+# The file sync agent: a second SSH server of ours, for file transfer only.
+include(${CMAKE_CURRENT_LIST_DIR}/filesync/filesync.cmake)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME hubwarden)
@@ -76,8 +78,12 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # What the server's names, clock and advertising use when present; the
 # daemon runs without them and says what is missing.
 # The event monitor hands its mail to the local MTA unless a relay is set.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "avahi-daemon, ntpsec, ntpsec-ntpdate, default-mta | mail-transport-agent")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "krb5-user")
+# The file sync agent is OpenSSH's server with rsync's restricted helper;
+# the file server is Samba behind our control daemon; remote desktop is
+# TigerVNC's server.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS
+    "avahi-daemon, ntpsec, ntpsec-ntpdate, default-mta | mail-transport-agent, openssh-server, rsync, samba")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "krb5-user, tigervnc-standalone-server")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/conffiles)
 include(CPack)
