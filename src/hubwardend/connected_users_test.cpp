@@ -8,7 +8,6 @@
 #include "hubwardend/service_modules.h"
 #include "platform/fake/fake_service_manager.h"
 #include "platform/fake/fake_tasks.h"
-#include "platform/linux/samba_status.h"
 #include "platform/registry.h"
 
 namespace hubwardend {
@@ -105,7 +104,6 @@ TEST(ConnectedUsers, ModulesAnswerWhileTheirUnitRunsAndShareOneReading) {
   EXPECT_EQ(listed(ask(filer, "getConnectedUsers"), "usersArray"), 3u);
   EXPECT_EQ(reader->reads, 1);
   EXPECT_FALSE(ask(smb, "getConnections"));
-  EXPECT_EQ(*ask(smb, "getState")->find_string("state"), "RUNNING");
 
   // Streaming answers an empty list of connections; services not counted
   // keep answering only getState.
@@ -132,13 +130,6 @@ TEST(ConnectedUsers, ModulesAnswerWhileTheirUnitRunsAndShareOneReading) {
   EXPECT_EQ(tasks.last(kDoveadmTool)->args, (std::vector<std::string>{"doveadm", "who", "-1"}));
   tasks.set_exit(kDoveadmTool, 75, "", "Error: connect(/run/dovecot/anvil) failed");
   EXPECT_TRUE(dovecot->users().empty());
-
-  // The Samba reader goes through the tool runner.
-  tasks.set_exit(platform::kSambaStatusTool, 0,
-                 R"({"sessions": {"1": {"username": "carol"}, "2": {"username": "dave"}}, "tcons": {}})");
-  EXPECT_EQ(make_samba_users_reader()->users(), (std::vector<std::string>{"carol", "dave"}));
-  tasks.set_exit(platform::kSambaStatusTool, 0, R"({"sessions": {"1": {"usern)");
-  EXPECT_TRUE(make_samba_users_reader()->users().empty());
 }
 
 }  // namespace
