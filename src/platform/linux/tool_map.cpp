@@ -50,6 +50,8 @@ ToolMap default_tool_map() {
   map.tools = {
       {"/usr/sbin/softwareupdate", {"/usr/libexec/hubwarden/softwareupdate"}},
       {"/sbin/reboot", {"/usr/bin/systemctl", "reboot"}},
+      {"/System/Library/CoreServices/RemoteManagement/ScreenlinkAgent.app/Contents/Resources/kickstart",
+       {"/usr/libexec/hubwarden/kickstart"}},
   };
   return map;
 }
