@@ -13,4 +13,12 @@ void log_notice(std::string_view line) {
   if (has<Log>()) get<Log>().write(Priority::Notice, line);
 }
 
+void log_user_error(std::string_view line) {
+  if (has<Log>()) get<Log>().write_as(Facility::User, Priority::Error, line);
+}
+
+void log_user_notice(std::string_view line) {
+  if (has<Log>()) get<Log>().write_as(Facility::User, Priority::Notice, line);
+}
+
 }  // namespace platform

@@ -37,7 +37,7 @@ bool kickstart(const std::vector<std::string>& options, const char* what) {
   if (what != nullptr) {
     std::string line = "hubwarden_info: got status " + std::to_string(result.exit_status) + " " + what +
                        " Screenlink. error: \"" + result.err + "\"";
-    platform::log_notice(line);
+    platform::log_user_notice(line);
   }
   return false;
 }

@@ -109,7 +109,7 @@ void grant_admins_screenlink_rights() {
     // Logged the way a C library prints a null string for %s: the error's
     // description has always been left out of this line, and log readers
     // match it as it stands.
-    platform::log_error("hubwarden_info: couldn't open local node. Got error (null)");
+    platform::log_user_error("hubwarden_info: couldn't open local node. Got error (null)");
     return;
   }
   std::optional<std::string> guid = admin_guid(*directory, node);

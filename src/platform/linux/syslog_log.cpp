@@ -35,6 +35,12 @@ class SyslogLog : public Log {
     int length = line.size() > 65536 ? 65536 : static_cast<int>(line.size());
     ::syslog(syslog_priority(priority), "%.*s", length, line.data());
   }
+
+  void write_as(Facility facility, Priority priority, std::string_view line) override {
+    int length = line.size() > 65536 ? 65536 : static_cast<int>(line.size());
+    int where = facility == Facility::User ? LOG_USER : LOG_DAEMON;
+    ::syslog(where | syslog_priority(priority), "%.*s", length, line.data());
+  }
 };
 
 }  // namespace
