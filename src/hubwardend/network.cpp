@@ -175,7 +175,12 @@ LinuxNetwork::LinuxNetwork(NetworkOptions options)
       pool_(std::make_unique<ResolverPool>(options_.resolver_threads, options_.max_queued_lookups)) {}
 
 LinuxNetwork::LinuxNetwork(std::string route_file, std::chrono::milliseconds lookup_deadline)
-    : LinuxNetwork(NetworkOptions{.route_file = std::move(route_file), .lookup_deadline = lookup_deadline}) {}
+    : LinuxNetwork([&] {
+        NetworkOptions options;
+        options.route_file = std::move(route_file);
+        options.lookup_deadline = lookup_deadline;
+        return options;
+      }()) {}
 
 std::map<std::string, std::vector<std::string>> LinuxNetwork::names_for(
     const std::vector<std::string>& keys, std::chrono::steady_clock::time_point deadline) {

@@ -23,7 +23,8 @@ using platform::FilerMessage;
 // that never came fails the test instead of hanging it.
 std::vector<FilerMessage> serve_state(const platform::testing::ScratchRoot& root, uint32_t state, void (*client)()) {
   root.mkdir("/run/hubwarden");
-  sockaddr_un address{.sun_family = AF_UNIX};
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
   std::string path = root.path(platform::kFilerSocket);
   ::unlink(path.c_str());
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
