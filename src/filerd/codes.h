@@ -6,40 +6,25 @@
 #include <cstdint>
 #include <string>
 
-namespace filerd {
+#include "platform/filer_codes.h"
 
-// A four-character code: the characters read most significant byte first.
-constexpr uint32_t fourcc(const char (&text)[5]) {
-  return (uint32_t(uint8_t(text[0])) << 24) | (uint32_t(uint8_t(text[1])) << 16) | (uint32_t(uint8_t(text[2])) << 8) |
-         uint32_t(uint8_t(text[3]));
-}
+namespace filerd {
 
 // Printable form of a code for log lines ("stax", or hex when unprintable).
 std::string fourcc_text(uint32_t code);
 
-// Server attribute.
-constexpr uint32_t kAttrState = fourcc("stax");
-
-// Server commands.
-constexpr uint32_t kCmdRecycle = fourcc("sprf");
-constexpr uint32_t kCmdDisconnect = fourcc("dses");
-constexpr uint32_t kCmdCancelTimer = fourcc("ctim");
-constexpr uint32_t kCmdSendMessage = fourcc("smes");
-constexpr uint32_t kCmdShutdown = fourcc("shut");
-constexpr uint32_t kCmdRegisterEvents = fourcc("rfev");
-
 // Iterator kinds and the attributes an iterator answers (values are text,
 // without a terminating NUL).
-constexpr uint32_t kIterSessions = fourcc("sess");
-constexpr uint32_t kIterShares = fourcc("shar");
-constexpr uint32_t kIterName = fourcc("name");       // session: user; share: share name
-constexpr uint32_t kIterUser = fourcc("user");       // session only
-constexpr uint32_t kIterGroup = fourcc("grup");      // session only
-constexpr uint32_t kIterAddress = fourcc("addr");    // remote machine
-constexpr uint32_t kIterSessionId = fourcc("sesn");  // decimal
-constexpr uint32_t kIterProcess = fourcc("proc");    // serving smbd process id, decimal
-constexpr uint32_t kIterDialect = fourcc("dial");    // session only, e.g. "SMB3_11"
-constexpr uint32_t kIterSince = fourcc("date");      // share only, when connected
+constexpr uint32_t kIterSessions = platform::filer_code("sess");
+constexpr uint32_t kIterShares = platform::filer_code("shar");
+constexpr uint32_t kIterName = platform::filer_code("name");       // session: user; share: share name
+constexpr uint32_t kIterUser = platform::filer_code("user");       // session only
+constexpr uint32_t kIterGroup = platform::filer_code("grup");      // session only
+constexpr uint32_t kIterAddress = platform::filer_code("addr");    // remote machine
+constexpr uint32_t kIterSessionId = platform::filer_code("sesn");  // decimal
+constexpr uint32_t kIterProcess = platform::filer_code("proc");    // serving smbd process id, decimal
+constexpr uint32_t kIterDialect = platform::filer_code("dial");    // session only, e.g. "SMB3_11"
+constexpr uint32_t kIterSince = platform::filer_code("date");      // share only, when connected
 
 // Statuses. The first four are the client's own; the rest are this
 // daemon's, outside the range the client uses for its transport.
@@ -64,9 +49,7 @@ constexpr int32_t kStatusTooMany = -10092;
 //   byte 12  minutes left before a scheduled stop, rounded up; 0 for none
 //   byte 16  0 (reserved)
 //   byte 20  0 (reserved)
-constexpr size_t kStateRecordBytes = 24;
 constexpr uint32_t kStateRecordVersion = 1;
-constexpr uint32_t kStateRunning = 2;
 constexpr uint32_t kStateStopped = 0;
 
 }  // namespace filerd

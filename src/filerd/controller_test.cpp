@@ -50,6 +50,15 @@ FilerMessage command(uint32_t code, const std::string& data) {
 int32_t status_of(const FilerMessage& reply) { return int32_t(std::get<uint32_t>(reply.fields[0])); }
 std::string data_of(const FilerMessage& reply) { return std::get<std::string>(reply.fields[1]); }
 
+platform::SambaSession session(uint32_t id, uint32_t pid, std::string user, std::string machine = {}) {
+  platform::SambaSession entry;
+  entry.session_id = id;
+  entry.pid = pid;
+  entry.user = std::move(user);
+  entry.machine = std::move(machine);
+  return entry;
+}
+
 class ControllerTest : public ::testing::Test {
  protected:
   FilerMessage handle(FilerMessage message) { return controller.handle(message, iterators); }
@@ -62,48 +71,51 @@ class ControllerTest : public ::testing::Test {
 };
 
 TEST_F(ControllerTest, StateRecordAndCommands) {
-  FilerMessage reply = handle(request(platform::kFilerGetServerAttribute, {kAttrState, uint32_t(8)}));
+  FilerMessage reply =
+      handle(request(platform::kFilerGetServerAttribute, {platform::kFilerStateAttribute, uint32_t(8)}));
   EXPECT_EQ(reply.id, 100);
   ASSERT_EQ(status_of(reply), kStatusOk);
   // The whole record even to a small buffer: the client reports truncation.
-  EXPECT_EQ(word_at(data_of(reply), 4), kStateRunning);
-  EXPECT_EQ(status_of(handle(request(platform::kFilerGetServerAttribute, {fourcc("xxxx"), uint32_t(24)}))),
-            kStatusBadArgument);
+  EXPECT_EQ(word_at(data_of(reply), 4), platform::kFilerRunning);
+  EXPECT_EQ(
+      status_of(handle(request(platform::kFilerGetServerAttribute, {platform::filer_code("xxxx"), uint32_t(24)}))),
+      kStatusBadArgument);
 
-  EXPECT_EQ(status_of(handle(command(kCmdRecycle, std::string(1, '\0')))), kStatusOk);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerRecycleCommand, std::string(1, '\0')))), kStatusOk);
   EXPECT_EQ(samba.reloads, 1);
-  EXPECT_EQ(status_of(handle(command(kCmdSendMessage, make_message_record({1}, std::string(1 << 20, 'x'))))),
-            kStatusNotSupported);
-  EXPECT_EQ(status_of(handle(command(kCmdSendMessage, "\1\0\0\0no nul"))), kStatusBadArgument);
-  EXPECT_EQ(status_of(handle(command(fourcc("zzzz"), ""))), kStatusBadArgument);
+  EXPECT_EQ(
+      status_of(handle(command(platform::kFilerMessageCommand, make_message_record({1}, std::string(1 << 20, 'x'))))),
+      kStatusNotSupported);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerMessageCommand, "\1\0\0\0no nul"))), kStatusBadArgument);
+  EXPECT_EQ(status_of(handle(command(platform::filer_code("zzzz"), ""))), kStatusBadArgument);
   samba.tools_work = false;
-  EXPECT_EQ(status_of(handle(command(kCmdRecycle, std::string(1, '\0')))), kStatusToolFailed);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerRecycleCommand, std::string(1, '\0')))), kStatusToolFailed);
 }
 
 TEST_F(ControllerTest, DisconnectEndsTheServingProcessesOfKnownSessionsOnly) {
   samba.snapshot.read = true;
-  samba.snapshot.sessions = {{.session_id = 5, .pid = 500, .user = "ann"},
-                             {.session_id = 6, .pid = 500, .user = "ann"},
-                             {.session_id = 7, .pid = 700, .user = "bob"}};
-  FilerMessage reply = handle(command(kCmdDisconnect, make_disconnect_record(0, {5, 6, 99}, "")));
+  samba.snapshot.sessions = {session(5, 500, "ann"), session(6, 500, "ann"), session(7, 700, "bob")};
+  FilerMessage reply = handle(command(platform::kFilerDisconnectCommand, make_disconnect_record(0, {5, 6, 99}, "")));
   EXPECT_EQ(status_of(reply), kStatusOk);
   EXPECT_EQ(samba.ended, (std::vector<uint32_t>{500}));
   EXPECT_EQ(word_at(data_of(reply), 0), 1u);
   // A count that lies about the length is refused before anything is ended.
   std::string lying = make_disconnect_record(0, {7}, "");
   lying[4] = 9;
-  EXPECT_EQ(status_of(handle(command(kCmdDisconnect, lying))), kStatusBadArgument);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerDisconnectCommand, lying))), kStatusBadArgument);
   EXPECT_EQ(samba.ended.size(), 1u);
   samba.snapshot.read = false;
-  EXPECT_EQ(status_of(handle(command(kCmdDisconnect, make_disconnect_record(0, {7}, "")))), kStatusToolFailed);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerDisconnectCommand, make_disconnect_record(0, {7}, "")))),
+            kStatusToolFailed);
 }
 
 TEST_F(ControllerTest, ScheduledStopIsShownCancelledAndRun) {
-  EXPECT_EQ(status_of(handle(command(kCmdShutdown, make_shutdown_record(10, "later")))), kStatusOk);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerShutdownCommand, make_shutdown_record(10, "later")))), kStatusOk);
   ASSERT_TRUE(controller.scheduled_stop());
-  FilerMessage state = handle(request(platform::kFilerGetServerAttribute, {kAttrState, uint32_t(24)}));
+  FilerMessage state =
+      handle(request(platform::kFilerGetServerAttribute, {platform::kFilerStateAttribute, uint32_t(24)}));
   EXPECT_EQ(word_at(data_of(state), 12), 10u);
-  EXPECT_EQ(status_of(handle(command(kCmdCancelTimer, make_word_record(0)))), kStatusOk);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerCancelTimerCommand, make_word_record(0)))), kStatusOk);
   EXPECT_FALSE(controller.scheduled_stop());
   EXPECT_EQ(samba.stops, 0);
 
@@ -111,26 +123,26 @@ TEST_F(ControllerTest, ScheduledStopIsShownCancelledAndRun) {
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);
   FilerMessage reg = request(platform::kFilerRegisterNotifyPort,
-                             {make_word_record(1) + make_word_record(2), kCmdRegisterEvents, uint32_t(8)});
+                             {make_word_record(1) + make_word_record(2), platform::kFilerEventsCode, uint32_t(8)});
   reg.descriptor.reset(fds[1]);
   EXPECT_EQ(status_of(handle(std::move(reg))), kStatusOk);
-  EXPECT_EQ(status_of(handle(command(kCmdShutdown, make_shutdown_record(0, "")))), kStatusOk);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerShutdownCommand, make_shutdown_record(0, "")))), kStatusOk);
   EXPECT_EQ(samba.stops, 1);
   char event[16];
   ASSERT_EQ(::read(fds[0], event, sizeof event), 16);
   std::string record(event, 16);
-  EXPECT_EQ(word_at(record, 0), fourcc("stop"));
+  EXPECT_EQ(word_at(record, 0), platform::filer_code("stop"));
   EXPECT_EQ(word_at(record, 4), 1u);
   EXPECT_EQ(word_at(record, 8), 2u);
   ::close(fds[0]);
   // The reader went away: the next event drops the listener, no SIGPIPE.
-  EXPECT_EQ(status_of(handle(command(kCmdShutdown, make_shutdown_record(0, "")))), kStatusOk);
+  EXPECT_EQ(status_of(handle(command(platform::kFilerShutdownCommand, make_shutdown_record(0, "")))), kStatusOk);
   EXPECT_EQ(controller.listener_count(), 0u);
 }
 
 TEST_F(ControllerTest, IteratorsWalkASnapshotAndAreBounded) {
   samba.snapshot.read = true;
-  samba.snapshot.sessions = {{.session_id = 5, .pid = 500, .user = "ann", .machine = "10.0.0.5"}};
+  samba.snapshot.sessions = {session(5, 500, "ann", "10.0.0.5")};
   FilerMessage created = handle(request(platform::kFilerCreateObjectIterator, {kIterSessions}));
   ASSERT_EQ(status_of(created), kStatusOk);
   uint32_t id = std::get<uint32_t>(created.fields[1]);
@@ -143,7 +155,8 @@ TEST_F(ControllerTest, IteratorsWalkASnapshotAndAreBounded) {
   EXPECT_EQ(status_of(get(kIterUser)), kStatusEndOfList);
   EXPECT_EQ(status_of(handle(request(platform::kFilerDestroyIterator, {id}))), kStatusOk);
   EXPECT_EQ(status_of(handle(request(platform::kFilerDestroyIterator, {id}))), kStatusBadArgument);
-  EXPECT_EQ(status_of(handle(request(platform::kFilerCreateObjectIterator, {fourcc("junk")}))), kStatusBadArgument);
+  EXPECT_EQ(status_of(handle(request(platform::kFilerCreateObjectIterator, {platform::filer_code("junk")}))),
+            kStatusBadArgument);
 
   for (size_t i = 0; i < IteratorTable::kMaxIterators; ++i)
     ASSERT_EQ(status_of(handle(request(platform::kFilerCreateObjectIterator, {kIterShares}))), kStatusOk);

@@ -124,7 +124,7 @@ std::string make_word_record(uint32_t word) {
 std::string encode_state_record(const ServerState& state) {
   std::string out;
   put_word(&out, kStateRecordVersion);
-  put_word(&out, state.running ? kStateRunning : kStateStopped);
+  put_word(&out, state.running ? platform::kFilerRunning : kStateStopped);
   put_word(&out, state.running ? state.pid : 0);
   put_word(&out, state.minutes_to_stop);
   put_word(&out, 0);

@@ -53,10 +53,10 @@ bool command(uint32_t code, const std::string& data, FilerMessage* reply) {
 bool stax(std::string* record) {
   FilerMessage request, reply;
   request.id = platform::kFilerGetServerAttribute;
-  request.fields = {filerd::kAttrState, uint32_t(filerd::kStateRecordBytes)};
+  request.fields = {platform::kFilerStateAttribute, uint32_t(platform::kFilerStateRecordBytes)};
   if (!exchange(std::move(request), &reply) || status_of(reply) != 0) return false;
   *record = std::get<std::string>(reply.fields[1]);
-  return record->size() >= filerd::kStateRecordBytes;
+  return record->size() >= platform::kFilerStateRecordBytes;
 }
 
 int list(uint32_t kind) {
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   if (what == "dses") {
     std::vector<uint32_t> ids;
     for (const std::string& id : rest) ids.push_back(uint32_t(std::strtoul(id.c_str(), nullptr, 10)));
-    if (!command(filerd::kCmdDisconnect, filerd::make_disconnect_record(0, ids, ""), &reply)) return 1;
+    if (!command(platform::kFilerDisconnectCommand, filerd::make_disconnect_record(0, ids, ""), &reply)) return 1;
     std::string data = std::get<std::string>(reply.fields[1]);
     std::printf("status %d ended %u\n", status_of(reply), filerd::word_at(data, 0).value_or(0));
     return 0;
@@ -127,16 +127,16 @@ int main(int argc, char** argv) {
   std::string data;
   uint32_t code = 0;
   if (what == "sprf") {
-    code = filerd::kCmdRecycle;
+    code = platform::kFilerRecycleCommand;
     data = std::string(1, '\0');
   } else if (what == "ctim") {
-    code = filerd::kCmdCancelTimer;
+    code = platform::kFilerCancelTimerCommand;
     data = filerd::make_word_record(0);
   } else if (what == "shut" && rest.size() == 1) {
-    code = filerd::kCmdShutdown;
+    code = platform::kFilerShutdownCommand;
     data = filerd::make_shutdown_record(uint32_t(std::strtoul(rest[0].c_str(), nullptr, 10)), "");
   } else if (what == "smes" && rest.size() == 1) {
-    code = filerd::kCmdSendMessage;
+    code = platform::kFilerMessageCommand;
     data = filerd::make_message_record({1}, std::string(std::strtoul(rest[0].c_str(), nullptr, 10), 'm'));
   } else if (what == "bench" && rest.size() == 1) {
     long count = std::max(1L, std::strtol(rest[0].c_str(), nullptr, 10));

@@ -21,9 +21,9 @@ uint32_t get_filer_state(FilerPort* out) {
   FilerPort& port = out != nullptr ? *out : local;
   port = GetFilerServerPort();
   if (!port) return 0;
-  unsigned char record[kFilerStateRecordBytes] = {};
+  unsigned char record[platform::kFilerStateRecordBytes] = {};
   uint32_t length = 0;
-  if (SCGetServerAttribute(port, kFilerStateAttribute, &length, record, sizeof record) != 0) return 0;
+  if (SCGetServerAttribute(port, platform::kFilerStateAttribute, &length, record, sizeof record) != 0) return 0;
   // A short record from a confused server has no state word.
   if (length < kStateWordOffset + sizeof(uint32_t)) return 0;
   uint32_t state = 0;
@@ -33,12 +33,13 @@ uint32_t get_filer_state(FilerPort* out) {
 
 void recycle_filer() {
   FilerPort port;
-  if (get_filer_state(&port) != kFilerRunning) return;
+  if (get_filer_state(&port) != platform::kFilerRunning) return;
   // The argument byte means nothing to the server; the reply is not read.
   const unsigned char argument = 0;
   unsigned char reply = 0;
   uint32_t reply_length = 0;
-  SCSendServerCommand(port, kFilerRecycleCommand, &argument, sizeof argument, &reply_length, &reply, sizeof reply);
+  SCSendServerCommand(port, platform::kFilerRecycleCommand, &argument, sizeof argument, &reply_length, &reply,
+                      sizeof reply);
 }
 
 }  // namespace hubwarden

@@ -11,7 +11,7 @@ namespace hubwarden {
 
 // Connects to the file server's control port, leaves it in *port (a false
 // port when nothing listens; port may be null) and returns the state word
-// of its state record: kFilerRunning (2) when the server runs, 0 when there
+// of its state record: platform::kFilerRunning (2) when the server runs, 0 when there
 // is no server or the record cannot be read.
 uint32_t get_filer_state(FilerPort* port);
 

@@ -39,7 +39,7 @@ std::vector<FilerMessage> serve_state(const platform::testing::ScratchRoot& root
                                platform::FilerWireStatus::kOk) {
       FilerMessage reply;
       reply.id = request.id + platform::kFilerReplyOffset;
-      std::string record(kFilerStateRecordBytes, '\0');
+      std::string record(platform::kFilerStateRecordBytes, '\0');
       std::memcpy(record.data() + 4, &state, sizeof state);
       reply.fields = {0u, record};
       sent.push_back(std::move(request));
@@ -58,10 +58,11 @@ TEST(FilerStateTest, OnlyARunningServerIsRecycled) {
   EXPECT_EQ(get_filer_state(&port), 0u);
   EXPECT_FALSE(port);
 
-  std::vector<FilerMessage> sent = serve_state(root, kFilerRunning, recycle_filer);
+  std::vector<FilerMessage> sent = serve_state(root, platform::kFilerRunning, recycle_filer);
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_EQ(sent[1].id, platform::kFilerSendServerCommand);
-  EXPECT_EQ(sent[1].fields, (std::vector<platform::FilerField>{std::string(1, '\0'), kFilerRecycleCommand, 1u, 1u}));
+  EXPECT_EQ(sent[1].fields,
+            (std::vector<platform::FilerField>{std::string(1, '\0'), platform::kFilerRecycleCommand, 1u, 1u}));
   EXPECT_EQ(serve_state(root, 1, recycle_filer).size(), 1u);
 }
 

@@ -1,9 +1,11 @@
-// Status codes and four-character codes of the file server's control
-// client. A status is 0 on success, one of the kFiler* codes below, or one
-// of the transport's own codes (kFilerTransport*), all negative.
+// Status codes of the file server's control client (its four-character
+// codes are the exchange's, in platform/filer_codes.h). A status is 0 on success, one of the kFiler* codes below, or
+// one of the transport's own codes (kFilerTransport*), all negative.
 #pragma once
 
 #include <cstdint>
+
+#include "platform/filer_codes.h"
 
 namespace hubwarden {
 
@@ -19,25 +21,6 @@ constexpr int kFilerTransportTimedOut = -10101;  // no whole reply within the li
 constexpr int kFilerTransportBadReply = -10102;  // a reply of the wrong id or shape
 constexpr int kFilerTransportIoError = -10103;   // any other socket failure
 constexpr int kFilerTransportNoRight = -10104;   // the notification port could not be passed
-
-// A four-character code: its first character is the most significant byte.
-constexpr uint32_t filer_code(const char (&text)[5]) {
-  return uint32_t(uint8_t(text[0])) << 24 | uint32_t(uint8_t(text[1])) << 16 | uint32_t(uint8_t(text[2])) << 8 |
-         uint32_t(uint8_t(text[3]));
-}
-
-constexpr uint32_t kFilerStateAttribute = filer_code("stax");
-constexpr uint32_t kFilerRecycleCommand = filer_code("sprf");
-constexpr uint32_t kFilerDisconnectCommand = filer_code("dses");
-constexpr uint32_t kFilerCancelTimerCommand = filer_code("ctim");
-constexpr uint32_t kFilerMessageCommand = filer_code("smes");
-constexpr uint32_t kFilerShutdownCommand = filer_code("shut");
-constexpr uint32_t kFilerEventsCode = filer_code("rfev");
-
-// The state record read with kFilerStateAttribute: 24 bytes, the state word
-// at byte 4 (kFilerRunning when the server runs).
-constexpr uint32_t kFilerStateRecordBytes = 24;
-constexpr uint32_t kFilerRunning = 2;
 
 // The file server's job label.
 constexpr const char* kFilerJobLabel = "com.marlo.FilerServer";

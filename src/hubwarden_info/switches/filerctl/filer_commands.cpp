@@ -45,14 +45,14 @@ int FilerDisconnectSessions(uint32_t word, const uint32_t* ids, uint32_t count, 
   record.word(word).word(count);
   for (uint32_t i = 0; i < count; ++i) record.word(ids[i]);
   record.text(text);
-  return send_command(kFilerDisconnectCommand, record, reply, kCommandReplyBytes);
+  return send_command(platform::kFilerDisconnectCommand, record, reply, kCommandReplyBytes);
 }
 
 int FilerDisconnectVolUsers(uint32_t first, uint32_t second, const char* text, uint32_t* reply) {
   if (refused("FilerDisconnectVolUsers")) return kFilerBadArgument;
   FilerRecord record;
   record.word(first).word(second).text(text);
-  return send_command(kFilerDisconnectCommand, record, reply, kCommandReplyBytes);
+  return send_command(platform::kFilerDisconnectCommand, record, reply, kCommandReplyBytes);
 }
 
 int FilerSendMessage(const uint32_t* ids, uint32_t count, const char* text) {
@@ -63,14 +63,14 @@ int FilerSendMessage(const uint32_t* ids, uint32_t count, const char* text) {
   record.word(count);
   for (uint32_t i = 0; i < count; ++i) record.word(ids[i]);
   record.text(text);
-  return send_command(kFilerMessageCommand, record, nullptr, 0);
+  return send_command(platform::kFilerMessageCommand, record, nullptr, 0);
 }
 
 int FilerStopAndDisableServer(uint32_t word, const char* text, uint32_t* reply) {
   if (refused("FilerDisableServer")) return kFilerBadArgument;
   FilerRecord record;
   record.word(word).text(text);
-  int status = send_command(kFilerShutdownCommand, record, reply, kCommandReplyBytes);
+  int status = send_command(platform::kFilerShutdownCommand, record, reply, kCommandReplyBytes);
   if (status == kFilerServerUnreachable) return FilerSetServiceState(kFilerJobLabel, false);
   return status;
 }
@@ -79,7 +79,7 @@ int FilerCancelTimerTask(uint32_t word) {
   if (refused("FilerCancelTimerTask")) return kFilerBadArgument;
   FilerRecord record;
   record.word(word);
-  int status = send_command(kFilerCancelTimerCommand, record, nullptr, 0);
+  int status = send_command(platform::kFilerCancelTimerCommand, record, nullptr, 0);
   if (status != kFilerServerUnreachable) return status;
   // A server that is gone has no timer to cancel; what the caller wanted
   // kept is the server itself, so start it again once it has let go.
@@ -92,7 +92,7 @@ int FilerRegisterForEvents(uint32_t first, uint32_t second, int notify_port) {
   FilerRecord record;
   record.word(first).word(second);
   FilerPort port = GetFilerServerPort();
-  return SCRegisterNotiferPort(port, kFilerEventsCode, record.data(), record.size(), notify_port);
+  return SCRegisterNotiferPort(port, platform::kFilerEventsCode, record.data(), record.size(), notify_port);
 }
 
 }  // namespace hubwarden

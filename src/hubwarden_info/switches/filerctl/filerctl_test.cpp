@@ -122,16 +122,17 @@ TEST_F(FilerCtlTest, RemoteProceduresFollowTheWrapperRules) {
     }
   });
 
-  char record[kFilerStateRecordBytes + 8];
+  char record[platform::kFilerStateRecordBytes + 8];
   std::memset(record, 'u', sizeof record);
   uint32_t length = 0;
   std::optional<FilerPort> port(GetFilerServerPort());
   ASSERT_TRUE(*port);
-  EXPECT_EQ(SCGetServerAttribute(*port, kFilerStateAttribute, &length, record, kFilerStateRecordBytes),
-            kFilerTruncated);
-  EXPECT_EQ(length, kFilerStateRecordBytes);
+  EXPECT_EQ(
+      SCGetServerAttribute(*port, platform::kFilerStateAttribute, &length, record, platform::kFilerStateRecordBytes),
+      kFilerTruncated);
+  EXPECT_EQ(length, platform::kFilerStateRecordBytes);
   EXPECT_EQ(std::string(record, sizeof record), std::string(24, '\x02') + std::string(8, 'u'));
-  EXPECT_EQ(SCGetServerAttribute(*port, kFilerStateAttribute, nullptr, record, 24), kFilerBadArgument);
+  EXPECT_EQ(SCGetServerAttribute(*port, platform::kFilerStateAttribute, nullptr, record, 24), kFilerBadArgument);
 
   uint32_t iterator = 0;
   EXPECT_EQ(SCCreateObjectIter(*port, 1, &iterator), 0);
@@ -154,11 +155,11 @@ TEST_F(FilerCtlTest, RemoteProceduresFollowTheWrapperRules) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
   platform::UniqueFd ours(pair[0]), theirs(pair[1]);
   FilerPort second = GetFilerServerPort();
-  EXPECT_EQ(SCRegisterNotiferPort(second, kFilerEventsCode, "12345678", 8, theirs.get()), 0);
+  EXPECT_EQ(SCRegisterNotiferPort(second, platform::kFilerEventsCode, "12345678", 8, theirs.get()), 0);
   EXPECT_EQ(notified, 1);
   char event = 0;
   EXPECT_EQ(::read(ours.get(), &event, 1), 1);
-  EXPECT_EQ(SCRegisterNotiferPort(second, kFilerEventsCode, "", 0, -1), kFilerTransportNoRight);
+  EXPECT_EQ(SCRegisterNotiferPort(second, platform::kFilerEventsCode, "", 0, -1), kFilerTransportNoRight);
   second = FilerPort();
 
   // A server that hangs up is gone.
@@ -171,7 +172,8 @@ TEST_F(FilerCtlTest, RemoteProceduresFollowTheWrapperRules) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, silent), 0);
   platform::UniqueFd far_end(silent[1]);
   FilerPort hanging(platform::UniqueFd(silent[0]), 100ms);
-  EXPECT_EQ(SCGetServerAttribute(hanging, kFilerStateAttribute, &length, record, 24), kFilerTransportTimedOut);
+  EXPECT_EQ(SCGetServerAttribute(hanging, platform::kFilerStateAttribute, &length, record, 24),
+            kFilerTransportTimedOut);
 }
 
 TEST_F(FilerCtlTest, CommandsSendTheirRecordsByteForByte) {
@@ -202,11 +204,11 @@ TEST_F(FilerCtlTest, CommandsSendTheirRecordsByteForByte) {
     uint32_t reply_capacity;
   };
   std::vector<Expected> expected = {
-      {kFilerDisconnectCommand, words({5, 2, 0x11, 0x2233}, "bye"), 4},
-      {kFilerDisconnectCommand, words({1, 2}, "v"), 4},
-      {kFilerMessageCommand, words({1, 0x11}, "hi"), 0},
-      {kFilerShutdownCommand, words({300}, ""), 4},
-      {kFilerCancelTimerCommand, words({9}, "").substr(0, 4), 0},
+      {platform::kFilerDisconnectCommand, words({5, 2, 0x11, 0x2233}, "bye"), 4},
+      {platform::kFilerDisconnectCommand, words({1, 2}, "v"), 4},
+      {platform::kFilerMessageCommand, words({1, 0x11}, "hi"), 0},
+      {platform::kFilerShutdownCommand, words({300}, ""), 4},
+      {platform::kFilerCancelTimerCommand, words({9}, "").substr(0, 4), 0},
   };
   EXPECT_EQ(expected[0].record.size(), 20u);
   server.stop();
@@ -263,9 +265,10 @@ TEST_F(FilerCtlTest, JobControlAndRecoveryWhenTheServerIsGone) {
   services_.set_job(kFilerJobLabel, false);
   uint32_t length = 0;
   char buffer[4];
-  EXPECT_EQ(SCGetServerAttribute(GetFilerServerPort(), kFilerStateAttribute, &length, buffer, 4), kFilerJobNotEnabled);
+  EXPECT_EQ(SCGetServerAttribute(GetFilerServerPort(), platform::kFilerStateAttribute, &length, buffer, 4),
+            kFilerJobNotEnabled);
   set_filer_caller_uid_for_testing(77);
-  EXPECT_EQ(SCGetServerAttribute(GetFilerServerPort(), kFilerStateAttribute, &length, buffer, 4),
+  EXPECT_EQ(SCGetServerAttribute(GetFilerServerPort(), platform::kFilerStateAttribute, &length, buffer, 4),
             kFilerServerUnreachable);
   set_filer_caller_uid_for_testing(0);
 
