@@ -12,24 +12,13 @@
 #include "platform/paths.h"
 #include "platform/registry.h"
 #include "platform/tasks.h"
+#include "plist/text_util.h"
 
 namespace hubwardend {
 
 namespace {
 
 constexpr double kDoveadmTimeoutSeconds = 3;
-
-std::vector<std::string_view> split_words(std::string_view line) {
-  std::vector<std::string_view> words;
-  size_t i = 0;
-  while (i < line.size()) {
-    while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-    size_t start = i;
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
-    if (i > start) words.push_back(line.substr(start, i - start));
-  }
-  return words;
-}
 
 bool all_digits(std::string_view word) {
   return !word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos;
@@ -167,7 +156,7 @@ std::vector<std::string> parse_doveadm_who(std::string_view text) {
   while (start < text.size()) {
     size_t end = text.find('\n', start);
     if (end == std::string_view::npos) end = text.size();
-    std::vector<std::string_view> words = split_words(text.substr(start, end - start));
+    std::vector<std::string_view> words = text::split_words(text.substr(start, end - start));
     start = end + 1;
     // The header names its columns; a row has a numeric pid in the third.
     if (words.size() < 3 || !all_digits(words[2])) continue;

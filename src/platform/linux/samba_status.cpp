@@ -6,6 +6,8 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 
+#include "plist/text_util.h"
+
 namespace platform {
 
 namespace {
@@ -71,18 +73,6 @@ void for_each_entry(const Json& root, const char* key, Fn fn) {
   }
 }
 
-std::vector<std::string_view> split_words(std::string_view line) {
-  std::vector<std::string_view> words;
-  size_t i = 0;
-  while (i < line.size()) {
-    while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-    size_t start = i;
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
-    if (i > start) words.push_back(line.substr(start, i - start));
-  }
-  return words;
-}
-
 std::string join_words(const std::vector<std::string_view>& words, size_t begin, size_t end) {
   std::string joined;
   for (size_t i = begin; i < end; ++i) {
@@ -117,11 +107,11 @@ std::vector<std::string_view> table_rows(std::string_view text, std::string_view
   std::vector<std::string_view> lines = split_lines(text);
   std::vector<std::string_view> rows;
   for (size_t i = 0; i + 1 < lines.size(); ++i) {
-    std::vector<std::string_view> words = split_words(lines[i]);
+    std::vector<std::string_view> words = text::split_words(lines[i]);
     if (words.empty() || words[0] != first_column || !is_rule(lines[i + 1])) continue;
     *header = lines[i];
     for (size_t j = i + 2; j < lines.size(); ++j) {
-      if (split_words(lines[j]).empty()) break;
+      if (text::split_words(lines[j]).empty()) break;
       rows.push_back(lines[j]);
     }
     break;
@@ -188,7 +178,7 @@ std::vector<SambaSession> parse_samba_sessions_text(std::string_view text) {
   std::vector<SambaSession> sessions;
   std::string_view header;
   for (std::string_view row : table_rows(text, "PID", &header)) {
-    std::vector<std::string_view> words = split_words(row);
+    std::vector<std::string_view> words = text::split_words(row);
     SambaSession session;
     if (words.size() < 4 || !parse_pid_word(words[0], &session.pid)) continue;
 
@@ -223,7 +213,7 @@ std::vector<SambaShareConnection> parse_samba_shares_text(std::string_view text)
   std::vector<std::string_view> rows = table_rows(text, "Service", &header);
   const bool has_crypto_columns = header.find("Encryption") != std::string_view::npos;
   for (std::string_view row : rows) {
-    std::vector<std::string_view> words = split_words(row);
+    std::vector<std::string_view> words = text::split_words(row);
     size_t pid_at = 0;
     for (size_t i = 1; i + 2 < words.size() && pid_at == 0; ++i) {
       if (all_digits(words[i]) && is_weekday(words[i + 2])) pid_at = i;
