@@ -11,11 +11,21 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "plist/value.h"
 
 namespace platform {
+
+// Attribute type names of user and group records.
+constexpr std::string_view kRecordName = "dsAttrTypeStandard:RecordName";
+constexpr std::string_view kGeneratedUID = "dsAttrTypeStandard:GeneratedUID";
+constexpr std::string_view kPrimaryGroupID = "dsAttrTypeStandard:PrimaryGroupID";
+constexpr std::string_view kUniqueID = "dsAttrTypeStandard:UniqueID";
+constexpr std::string_view kGroupMembership = "dsAttrTypeStandard:GroupMembership";
+constexpr std::string_view kGroupMembers = "dsAttrTypeStandard:GroupMembers";
+constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
 
 // Directory status codes.
 constexpr int32_t kDirectoryOK = 0;

@@ -19,10 +19,6 @@ namespace hubwarden {
 namespace {
 
 constexpr std::string_view kAdminGroup = "admin";
-constexpr std::string_view kGeneratedUID = "dsAttrTypeStandard:GeneratedUID";
-constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
-constexpr std::string_view kRecordName = "dsAttrTypeStandard:RecordName";
-constexpr std::string_view kPrimaryGroupID = "dsAttrTypeStandard:PrimaryGroupID";
 
 // The string values of key: an array's strings, or a lone string.
 std::vector<std::string> values_of(const plist::Dict& record, std::string_view key) {
@@ -79,12 +75,12 @@ std::string new_uuid() {
 std::optional<std::string> admin_guid(platform::Directory& directory, const std::string& node) {
   plist::Dict admin;
   if (directory.get_group_record(node, std::string(kAdminGroup), &admin) == platform::kDirectoryOK) {
-    std::vector<std::string> guids = values_of(admin, kGeneratedUID);
+    std::vector<std::string> guids = values_of(admin, platform::kGeneratedUID);
     if (!guids.empty() && !guids.front().empty()) return guids.front();
   }
   std::string guid = new_uuid();
   plist::Dict update;
-  update.set(kGeneratedUID, plist::Array{plist::Value(guid)});
+  update.set(platform::kGeneratedUID, plist::Array{plist::Value(guid)});
   if (directory.set_group_record(node, std::string(kAdminGroup), &update) != platform::kDirectoryOK)
     return std::nullopt;
   return guid;
@@ -122,19 +118,19 @@ void grant_admins_screenlink_rights() {
     std::optional<uint32_t> gid = directory->generate_legacy_gid();
     plist::Dict record;
     if (directory->get_group_record(node, group, &record) == platform::kDirectoryOK) {
-      std::vector<std::string> nested = values_of(record, kNestedGroups);
+      std::vector<std::string> nested = values_of(record, platform::kNestedGroups);
       if (std::find(nested.begin(), nested.end(), *guid) != nested.end()) continue;
       nested.push_back(*guid);
       plist::Dict update;
-      update.set(kNestedGroups, strings(nested));
+      update.set(platform::kNestedGroups, strings(nested));
       if (int32_t status = directory->set_group_record(node, group, &update); status != platform::kDirectoryOK)
         log_group_failure("add local admin guid to", group, status);
       continue;
     }
     plist::Dict created;
-    created.set(kRecordName, plist::Array{plist::Value(group)});
-    if (gid) created.set(kPrimaryGroupID, plist::Array{plist::Value(std::to_string(*gid))});
-    created.set(kNestedGroups, plist::Array{plist::Value(*guid)});
+    created.set(platform::kRecordName, plist::Array{plist::Value(group)});
+    if (gid) created.set(platform::kPrimaryGroupID, plist::Array{plist::Value(std::to_string(*gid))});
+    created.set(platform::kNestedGroups, plist::Array{plist::Value(*guid)});
     if (int32_t status = directory->create_group_record(node, group, created); status != platform::kDirectoryOK) {
       log_group_failure("create", group, status);
       return;

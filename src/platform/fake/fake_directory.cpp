@@ -10,12 +10,6 @@ namespace platform {
 
 namespace {
 
-constexpr std::string_view kRecordName = "dsAttrTypeStandard:RecordName";
-constexpr std::string_view kGeneratedUID = "dsAttrTypeStandard:GeneratedUID";
-constexpr std::string_view kPrimaryGroupID = "dsAttrTypeStandard:PrimaryGroupID";
-constexpr std::string_view kGroupMembership = "dsAttrTypeStandard:GroupMembership";
-constexpr std::string_view kGroupMembers = "dsAttrTypeStandard:GroupMembers";
-constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
 
 int32_t injected(const std::map<std::string, int32_t>& failures, const std::string& key) {
   auto it = failures.find(key);

@@ -40,13 +40,6 @@ constexpr std::string_view kLocalNode = "/Local/Default";
 constexpr std::string_view kSearchNode = "/Search";
 constexpr std::string_view kLocalLdapNode = "/LDAPv3/127.0.0.1";
 
-constexpr std::string_view kRecordName = "dsAttrTypeStandard:RecordName";
-constexpr std::string_view kGeneratedUID = "dsAttrTypeStandard:GeneratedUID";
-constexpr std::string_view kPrimaryGroupID = "dsAttrTypeStandard:PrimaryGroupID";
-constexpr std::string_view kUniqueID = "dsAttrTypeStandard:UniqueID";
-constexpr std::string_view kGroupMembership = "dsAttrTypeStandard:GroupMembership";
-constexpr std::string_view kGroupMembers = "dsAttrTypeStandard:GroupMembers";
-constexpr std::string_view kNestedGroups = "dsAttrTypeStandard:NestedGroups";
 
 constexpr std::string_view kRecordSuffix = ".plist";
 // Does not end in kRecordSuffix, so record scans pass it by.
