@@ -365,6 +365,10 @@ class Connection final : public ConnectionBase, public std::enable_shared_from_t
     request.content_type = field_or_empty(message, http::field::content_type);
     request.accept = field_or_empty(message, http::field::accept);
     request.authorization = field_or_empty(message, http::field::authorization);
+    request.cookie = field_or_empty(message, http::field::cookie);
+    request.csrf_token = std::string(message["X-CSRF-Token"]);
+    request.origin = field_or_empty(message, http::field::origin);
+    request.if_none_match = field_or_empty(message, http::field::if_none_match);
     request.body = std::move(message.body());
 
     in_flight_ = true;

@@ -27,6 +27,14 @@ struct HttpRequest {
   std::string content_type;   // the Content-Type header, "" when absent
   std::string accept;         // the Accept header, "" when absent
   std::string authorization;  // the Authorization header, "" when absent
+  // The web console's headers, each "" when absent: its session cookie
+  // travels in Cookie, the session's anti-forgery token in X-CSRF-Token;
+  // Origin tells a page of another site apart; If-None-Match revalidates
+  // a cached file.
+  std::string cookie;
+  std::string csrf_token;
+  std::string origin;
+  std::string if_none_match;
   std::string body;           // the whole body, already de-chunked
   std::string peer_address;   // numeric address of an HTTPS peer; "" on the socket
   std::optional<uid_t> peer_uid;  // SO_PEERCRED of a socket peer
