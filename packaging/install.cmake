@@ -69,7 +69,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "server administration daemon: identity, s
 string(CONCAT CPACK_PACKAGE_DESCRIPTION
        "hubwardend answers administration requests about the server as a whole: its names and clock, "
        "the services and who may use them, live and historical load, the process table, system logs "
-       "and software updates.")
+       "and software updates. It serves a web console for them on its HTTPS port.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
