@@ -12,23 +12,10 @@
 #include <thread>
 
 #include "platform/filer_wire.h"
+#include "platform/socket_path.h"
 
 namespace filerd {
 namespace {
-
-bool make_address(const std::string& path, sockaddr_un* address) {
-  std::memset(address, 0, sizeof *address);
-  address->sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof address->sun_path) return false;
-  std::memcpy(address->sun_path, path.data(), path.size());
-  return true;
-}
-
-// Whether a daemon answers on the socket at path.
-bool someone_listens(const sockaddr_un& address) {
-  platform::UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  return probe.valid() && ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
 
 bool peer_allowed(int fd) {
   ucred credentials{};
@@ -70,11 +57,6 @@ Server::~Server() {
 }
 
 bool Server::listen(const std::string& path, std::string* error) {
-  sockaddr_un address;
-  if (!make_address(path, &address)) {
-    *error = "socket path too long: " + path;
-    return false;
-  }
   if (!stop_read_.valid()) {
     *error = "cannot make the stop pipe";
     return false;
@@ -84,17 +66,19 @@ bool Server::listen(const std::string& path, std::string* error) {
     *error = "cannot make " + folder + ": " + std::strerror(errno);
     return false;
   }
-  struct stat st;
-  if (::lstat(path.c_str(), &st) == 0) {
-    if (!S_ISSOCK(st.st_mode)) {
+  sockaddr_un address;
+  switch (platform::claim_socket_path(path, SOCK_STREAM, &address)) {
+    case platform::SocketPathClaim::kFree:
+      break;
+    case platform::SocketPathClaim::kTooLong:
+      *error = "socket path too long: " + path;
+      return false;
+    case platform::SocketPathClaim::kNotASocket:
       *error = path + " is in the way and is not a socket";
       return false;
-    }
-    if (someone_listens(address)) {
+    case platform::SocketPathClaim::kInUse:
       *error = "another daemon answers on " + path;
       return false;
-    }
-    ::unlink(path.c_str());
   }
   platform::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!fd.valid()) {

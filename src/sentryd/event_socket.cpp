@@ -11,30 +11,10 @@
 #include <filesystem>
 
 #include "platform/event_port.h"
+#include "platform/socket_path.h"
 #include "plist/codec.h"
 
 namespace sentryd {
-namespace {
-
-bool make_address(const std::string& path, sockaddr_un* address) {
-  std::memset(address, 0, sizeof *address);
-  address->sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof address->sun_path) return false;
-  std::memcpy(address->sun_path, path.data(), path.size());
-  return true;
-}
-
-// True when a process is bound to the socket at path: connecting to a
-// socket nobody holds any more is refused.
-bool someone_listens(const sockaddr_un& address) {
-  int probe = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (probe < 0) return false;
-  bool live = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  ::close(probe);
-  return live;
-}
-
-}  // namespace
 
 std::optional<plist::Dict> decode_event(std::string_view datagram, DropReason* reason) {
   *reason = DropReason::None;
@@ -65,25 +45,22 @@ std::optional<plist::Dict> decode_event(std::string_view datagram, DropReason* r
 }
 
 std::optional<EventSocket> EventSocket::open(const std::string& path, std::string* error) {
-  sockaddr_un address;
-  if (!make_address(path, &address)) {
-    *error = "socket path too long: " + path;
-    return std::nullopt;
-  }
   std::error_code ec;
   std::filesystem::path folder = std::filesystem::path(path).parent_path();
   if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-  struct stat st;
-  if (::lstat(path.c_str(), &st) == 0) {
-    if (!S_ISSOCK(st.st_mode)) {
+  sockaddr_un address;
+  switch (platform::claim_socket_path(path, SOCK_DGRAM, &address)) {
+    case platform::SocketPathClaim::kFree:
+      break;
+    case platform::SocketPathClaim::kTooLong:
+      *error = "socket path too long: " + path;
+      return std::nullopt;
+    case platform::SocketPathClaim::kNotASocket:
       *error = path + " exists and is not a socket";
       return std::nullopt;
-    }
-    if (someone_listens(address)) {
+    case platform::SocketPathClaim::kInUse:
       *error = "another monitor is listening on " + path;
       return std::nullopt;
-    }
-    ::unlink(path.c_str());
   }
   int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) {

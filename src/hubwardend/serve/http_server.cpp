@@ -36,6 +36,7 @@
 #include <unordered_map>
 
 #include "platform/file_util.h"
+#include "platform/socket_path.h"
 
 namespace hubwardend::serve {
 
@@ -586,37 +587,22 @@ bool load_tls(const HttpServerOptions& options, std::optional<ssl::context>* tls
   return true;
 }
 
-// True when something accepts connections on the socket at path: another
-// server owns it and its file must not be taken away.
-bool socket_is_live(const std::string& path) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  bool live = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return live;
-}
-
 std::unique_ptr<ListenerOf<asio::local::stream_protocol>> bind_socket(Core* core, std::string* error) {
   const HttpServerOptions& options = core->options;
   const std::string& path = options.socket_path;
-  if (path.size() >= sizeof(sockaddr_un{}.sun_path)) {
-    *error = "socket path too long: " + path;
-    return nullptr;
-  }
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) == 0) {
-    if (!S_ISSOCK(status.st_mode)) {
+  sockaddr_un address;
+  switch (platform::claim_socket_path(path, SOCK_STREAM, &address)) {
+    case platform::SocketPathClaim::kFree:
+      break;
+    case platform::SocketPathClaim::kTooLong:
+      *error = "socket path too long: " + path;
+      return nullptr;
+    case platform::SocketPathClaim::kNotASocket:
       *error = "cannot use " + path + " for the socket: it exists and is not a socket";
       return nullptr;
-    }
-    if (socket_is_live(path)) {
+    case platform::SocketPathClaim::kInUse:
       *error = "cannot use " + path + " for the socket: another server is listening on it";
       return nullptr;
-    }
-    ::unlink(path.c_str());
   }
   size_t slash = path.rfind('/');
   if (slash != std::string::npos && slash > 0 && !platform::make_directories(path.substr(0, slash))) {
@@ -642,6 +628,7 @@ std::unique_ptr<ListenerOf<asio::local::stream_protocol>> bind_socket(Core* core
     return nullptr;
   }
   acceptor.listen(asio::socket_base::max_listen_connections, ec);
+  struct stat status {};
   if (ec || ::lstat(path.c_str(), &status) != 0) {
     *error = "cannot listen on the socket " + path + ": " + ec.message();
     ::unlink(path.c_str());
