@@ -126,22 +126,20 @@ TEST_F(ProcessListTest, AcceptedFieldsWithoutOutputAndLimits) {
   EXPECT_EQ(list(Dict{}).second.size(), 8u);  // no fields: empty rows
   EXPECT_TRUE(list(Dict{}).second[0].as_dict()->empty());
 
-  const std::pair<Value, size_t> limits[] = {
-      {Value(0), 8},
-      {Value(5), 5},
-      {Value(2.9), 2},
-      {Value(0.5), 8},
-      {Value(1e300), 8},
-      {Value(uint64_t{18446744073709551615u}), 8},
-      {Value(true), 1},
-      // The older text form has only strings.
-      {Value("5"), 5},
-      {Value(" +2 "), 2},
-      {Value("-4"), 8},
-      {Value("3x"), 8},
-      {Value("99999999999999999999999"), 8},
-      {Value(Array{}), 8},
-  };
+  // Strings are the older text form.
+  const std::pair<Value, size_t> limits[] = {{Value(0), 8},
+                                             {Value(5), 5},
+                                             {Value(2.9), 2},
+                                             {Value(0.5), 8},
+                                             {Value(1e300), 8},
+                                             {Value(true), 1},
+                                             {Value("5"), 5},
+                                             {Value(" +2 "), 2},
+                                             {Value("-4"), 8},
+                                             {Value("3x"), 8},
+                                             {Value(Array{}), 8},
+                                             {Value("99999999999999999999999"), 8},
+                                             {Value(uint64_t{18446744073709551615u}), 8}};
   for (const auto& [limit, expected] : limits) {
     auto [e, limited] = list(Dict{{"limit", limit}, {"fieldsToReturn", Array{"PID"}}});
     ASSERT_EQ(e, nullptr);
@@ -266,19 +264,11 @@ TEST_F(ProcessListTest, CpuUsageOverTheInterval) {
   };
   auto [error, rows] = list(Dict{{"fieldsToReturn", Array{"PID", "CPUUsage", "TotalSeconds", "TotalMicroSeconds"}}});
   ASSERT_EQ(error, nullptr);
-  ASSERT_EQ(rows.size(), 4u);
-  std::vector<std::pair<uint64_t, double>> got;
-  for (const Value& row : rows)
-    got.emplace_back(*row.as_dict()->find("PID")->to_uint64(), *row.as_dict()->find("CPUUsage")->as_real());
-  ASSERT_EQ(got.size(), 4u);
-  EXPECT_EQ(got[0].first, 3u);
-  EXPECT_DOUBLE_EQ(got[0].second, 200.0);
-  EXPECT_EQ(got[1].first, 2u);
-  EXPECT_NEAR(got[1].second, 40.0, 1e-9);
-  // New and idle processes both show 0.0; "Command" ascending breaks the tie.
-  EXPECT_EQ(got[2].first, 5u);  // "idle" < "new"
-  EXPECT_EQ(got[3].first, 6u);
-  EXPECT_EQ(got[3].second, 0.0);
+  // New and idle processes both show 0.0; "Command" ascending breaks the
+  // tie ("idle" < "new").
+  ASSERT_EQ(column(rows, "PID"), (std::vector<uint64_t>{3, 2, 5, 6}));
+  const double usage[] = {200.0, 40.0, 0.0, 0.0};
+  for (size_t i = 0; i < 4; ++i) EXPECT_NEAR(*rows[i].as_dict()->find("CPUUsage")->as_real(), usage[i], 1e-9) << i;
   EXPECT_EQ(*rows[1].as_dict()->find("TotalSeconds")->as_unsigned(), 2u);
   EXPECT_EQ(*rows[1].as_dict()->find("TotalMicroSeconds")->as_unsigned(), 100000u);
 
@@ -322,10 +312,10 @@ TEST_F(ProcessListTest, OutputValuesAndTypes) {
                                                       {"Private", 4096},
                                                       {"Shared", 1024},
                                                       {"VPrivate", 8192},
-                                                      {"Faults", 4294967295u},  // held at the 32-bit top
                                                       {"PageIns", 9},
                                                       {"Threads", 7},
-                                                      {"Ports", 12}};
+                                                      {"Ports", 12},
+                                                      {"Faults", 4294967295u}};  // held at the 32-bit top
   for (const auto& [key, n] : numbers) EXPECT_EQ(*big.find(key)->as_unsigned(), n) << key;
   EXPECT_EQ(*rows[0].as_dict()->find_string("Command"), "caf\xc3\xa9 (x)");
 }
@@ -395,22 +385,19 @@ TEST_F(ProcessListTest, KillRules) {
                                                               {77, SIGTERM},
                                                               {77, SIGKILL}}));
 
+  // No pids is all killed; without a signal service nothing is signalled
+  // and nothing succeeds.
+  auto kill = [](Dict request) {
+    ReplySlot r;
+    EXPECT_EQ(kill_processes(request, r, nullptr), nullptr);
+    return std::pair(*r->find("killedAllProcesses")->as_bool(), *r->find_dict("killResults"));
+  };
   signals.sent.clear();
-  reply.reset();
-  ASSERT_EQ(kill_processes(Dict{}, reply, nullptr), nullptr);
-  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
-  EXPECT_TRUE(reply->find_dict("killResults")->empty());
-  reply.reset();
-  ASSERT_EQ(kill_processes(Dict{{"pids", Array{"5", 6}}}, reply, nullptr), nullptr);
-  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), true);
+  EXPECT_EQ(kill(Dict{}), std::pair(true, Dict{}));
+  EXPECT_TRUE(kill(Dict{{"pids", Array{"5", 6}}}).first);
   EXPECT_EQ(signals.sent.size(), 2u);
-
-  // Without a signal service nothing is signalled and nothing succeeds.
   Installed<platform::ProcessSignals> none(nullptr);
-  reply.reset();
-  ASSERT_EQ(kill_processes(Dict{{"pids", Array{5}}}, reply, nullptr), nullptr);
-  EXPECT_EQ(*reply->find("killedAllProcesses")->as_bool(), false);
-  EXPECT_EQ(*reply->find_dict("killResults")->find_string("5"), "FAILURE");
+  EXPECT_EQ(kill(Dict{{"pids", Array{5}}}), std::pair(false, Dict{{"5", "FAILURE"}}));
 }
 
 volatile sig_atomic_t gTerminationsReceived = 0;
