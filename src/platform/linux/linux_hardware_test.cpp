@@ -115,8 +115,7 @@ TEST_F(HardwareFixture, ReadsProcessorsMemoryAndModel) {
   EXPECT_EQ(hw->sysctl_string("machdep.cpu.brand_string"), "Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz");
   EXPECT_EQ(hw->sysctl_string("hw.model"), "HPE PowerEdge R630");
   // Names with nothing behind them on Linux.
-  EXPECT_FALSE(hw->sysctl_integer("hw.cpufamily"));
-  EXPECT_FALSE(hw->sysctl_integer("hw.busfrequency"));
+  for (const char* name : {"hw.cpufamily", "hw.busfrequency"}) EXPECT_FALSE(hw->sysctl_integer(name)) << name;
   EXPECT_FALSE(hw->sysctl_string("no.such.name"));
   EXPECT_FALSE(hw->registry_search("IODeviceTree:/cpus", "cpu-type"));
 
@@ -134,10 +133,8 @@ TEST_F(HardwareFixture, ReadsProcessorsMemoryAndModel) {
 TEST_F(HardwareFixture, FallsBackOrGivesUpWhenFilesAreMissingOrOdd) {
   auto hw = hardware();
   // Nothing at all: a sandbox must not report the real machine.
-  EXPECT_FALSE(hw->sysctl_integer("hw.memsize"));
-  EXPECT_FALSE(hw->sysctl_integer("hw.packages"));
-  EXPECT_FALSE(hw->sysctl_integer("hw.cpufrequency"));
-  EXPECT_FALSE(hw->sysctl_integer("hw.ncpu"));
+  for (const char* name : {"hw.memsize", "hw.packages", "hw.cpufrequency", "hw.ncpu"})
+    EXPECT_FALSE(hw->sysctl_integer(name)) << name;
   EXPECT_FALSE(hw->sysctl_string("hw.model"));
   EXPECT_TRUE(hw->registry_devices("IOPlatformExpertDevice").empty());
 
