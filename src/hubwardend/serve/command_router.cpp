@@ -109,8 +109,13 @@ void CommandRouter::handle(HttpRequest request, Respond respond) {
     });
   }
 
-  if (target.compare(0, sizeof kCommandsPrefix - 1, kCommandsPrefix) != 0)
+  if (target.compare(0, sizeof kCommandsPrefix - 1, kCommandsPrefix) != 0) {
+    const std::string& method = call->request.method;
+    if (parts_.files && (method == "GET" || method == "HEAD")) {
+      return call->answer(parts_.files->serve(call->request), parts_.metrics);
+    }
     return call->answer(text_response(404, "no such resource"), parts_.metrics);
+  }
   std::string module = target.substr(sizeof kCommandsPrefix - 1);
   if (!is_usable_module_name(module)) return call->answer(text_response(404, "no such module"), parts_.metrics);
   if (call->request.method != "POST") {

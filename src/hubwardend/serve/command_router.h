@@ -3,7 +3,8 @@
 // socket, HTTP Basic checked by PAM over HTTPS), refuses what the user's
 // tier does not allow, decodes the body (XML property list, or JSON), runs
 // the call on a worker and encodes the reply in the form the request came
-// in. GET /metrics gives the Prometheus text.
+// in. GET /metrics gives the Prometheus text; any other GET or HEAD is a
+// file of the web console.
 //
 // Nothing blocks the I/O thread that calls handle(): password checks and
 // module calls run on worker pools, and the slowing-down of repeated
@@ -22,6 +23,7 @@
 #include "hubwardend/serve/login_throttle.h"
 #include "hubwardend/serve/metrics.h"
 #include "hubwardend/serve/pam_authenticator.h"
+#include "hubwardend/serve/static_files.h"
 #include "hubwardend/serve/worker_pool.h"
 #include "platform/host_services.h"
 #include "platform/run_loop.h"
@@ -48,6 +50,9 @@ struct RouterParts {
   // unset, the platform's are used.
   MembershipTest is_member;
   std::optional<AccessListGroups> access_groups;
+  // The web console's files, for every GET or HEAD that names no other
+  // resource; null: those answer 404.
+  StaticFiles* files = nullptr;
 };
 
 class CommandRouter : public RequestHandler {

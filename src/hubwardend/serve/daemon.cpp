@@ -26,6 +26,7 @@
 #include "hubwardend/serve/event_loop.h"
 #include "hubwardend/serve/http_server.h"
 #include "hubwardend/serve/idle_schedule.h"
+#include "hubwardend/serve/static_files.h"
 #include "hubwardend/serve/tls_identity.h"
 #include "hubwardend/serve/worker_pool.h"
 #include "platform/linux/host_config.h"
@@ -138,6 +139,7 @@ class Daemon {
   std::unique_ptr<serve::PamPasswordChecker> passwords_;
   serve::LoginThrottle throttle_;
   serve::Metrics metrics_;
+  std::unique_ptr<serve::StaticFiles> files_;
   std::unique_ptr<serve::CommandRouter> router_;
   std::unique_ptr<serve::HttpServer> server_;
   std::unique_ptr<serve::IdleSchedule> idle_;
@@ -205,7 +207,18 @@ bool Daemon::start(std::ostream& err) {
   idle_worker_ = std::make_unique<serve::WorkerPool>("idle", 1, 2);
   passwords_ = std::make_unique<serve::PamPasswordChecker>(config_.pam_service);
 
+  // The console is shipped with the program, so it is found on the machine
+  // whatever the root; without it the protocol still works.
+  const std::string web_folder = serve::find_web_folder();
+  files_ = std::make_unique<serve::StaticFiles>(web_folder);
+  if (files_->usable())
+    platform::log_notice("hubwardend: web console from " + web_folder);
+  else
+    platform::log_error(std::string("hubwardend: no web console folder (") + serve::kInstalledWebFolder +
+                        " or beside the program); the console is not served");
+
   serve::RouterParts parts;
+  parts.files = files_.get();
   parts.modules = &host_->modules();
   parts.passwords = passwords_.get();
   parts.throttle = &throttle_;
