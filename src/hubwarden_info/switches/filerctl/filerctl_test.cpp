@@ -1,14 +1,11 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "hubwarden_info/switches/filerctl/filer_codes.h"
@@ -16,6 +13,7 @@
 #include "hubwarden_info/switches/filerctl/filer_jobs.h"
 #include "hubwarden_info/switches/filerctl/filer_port.h"
 #include "hubwarden_info/switches/filerctl/filer_rpc.h"
+#include "hubwarden_info/switches/filerctl/filer_test_server.h"
 #include "platform/fake/fake_service_manager.h"
 #include "platform/linux/basics_test_support.h"
 #include "platform/sleeper.h"
@@ -34,55 +32,7 @@ FilerMessage reply(int32_t id, std::vector<platform::FilerField> fields) {
   return m;
 }
 
-// A control server on the socket under a scratch root. Each request goes to
-// answer, which returns the reply (or nullopt to hang up); every request is
-// kept for the test to look at once the server has stopped.
-class ScriptedServer {
- public:
-  using Answer = std::function<std::optional<FilerMessage>(FilerMessage&)>;
-
-  explicit ScriptedServer(Answer answer) : answer_(std::move(answer)) {
-    root_.mkdir("/run/hubwarden");
-    std::string path = root_.path(platform::kFilerSocket);
-    listener_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_.get(), 4) != 0)
-      ADD_FAILURE() << "cannot listen on " << path;
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~ScriptedServer() { stop(); }
-
-  // Stops taking connections, once the current one is over.
-  void stop() {
-    ::shutdown(listener_.get(), SHUT_RDWR);
-    if (thread_.joinable()) thread_.join();
-  }
-  // What the server was sent; read it once stopped.
-  const std::vector<FilerMessage>& requests() const { return requests_; }
-
- private:
-  void serve() {
-    for (;;) {
-      platform::UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      if (!client.valid()) return;
-      FilerMessage request;
-      while (platform::receive_filer_message(client.get(), &request, 2s) == platform::FilerWireStatus::kOk) {
-        std::optional<FilerMessage> answer = answer_(request);
-        requests_.push_back(std::move(request));
-        if (!answer || platform::send_filer_message(client.get(), *answer) != platform::FilerWireStatus::kOk) break;
-      }
-    }
-  }
-
-  platform::testing::ScratchRoot root_;
-  platform::UniqueFd listener_;
-  Answer answer_;
-  std::vector<FilerMessage> requests_;
-  std::thread thread_;
-};
+using ScriptedServer = testing::ScriptedFilerServer;
 
 class RecordingSleeper : public platform::Sleeper {
  public:
