@@ -124,8 +124,21 @@ class ConsoleSetup:
         except OSError:
             return ""
 
+    def _names_our_passdb(self, folder):
+        for name in os.listdir(folder) if os.path.isdir(folder) else []:
+            try:
+                with open(os.path.join(folder, name), errors="replace") as f:
+                    if self.work in f.read():
+                        return True
+            except OSError:
+                continue
+        return False
+
     def cleanup(self):
         # pam_wrapper leaves its service copies behind when a process ends.
+        # Only ours go: their files name our password file, and other
+        # consoles may be running beside this one.
         for leftover in set(glob.glob("/tmp/pam.?")) - self.pam_copies_before:
-            shutil.rmtree(leftover, ignore_errors=True)
+            if self._names_our_passdb(leftover):
+                shutil.rmtree(leftover, ignore_errors=True)
         shutil.rmtree(self.work, ignore_errors=True)
