@@ -3,7 +3,7 @@
 // rewrites a setting (and restarts the service behind it) that nobody
 // touched. Monitors get the same values as plain text, with no controls.
 
-import { call, getJSON } from "../api.js";
+import { call, getJSON, RequestError } from "../api.js";
 import { el, clear, showError } from "../dom.js";
 import { dateTime } from "../format.js";
 import { writeStatusText } from "../write_status.js";
@@ -510,7 +510,7 @@ export function mount(view, session) {
       if (controller.signal.aborted) return;
       const config = reply && asDict(reply.configuration);
       if (!reply || !reply.configuration) {
-        throw new Error("The server sent no settings.");
+        throw new RequestError("Reading the settings failed: the server sent none.");
       }
       show(config);
       view.dataset.state = "ready";
