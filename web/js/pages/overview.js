@@ -72,7 +72,7 @@ function buildFrame(view) {
     el("div", { id: "overview-volumes" }, el("p", { class: "muted" }, "—")));
   const interfaces = el("section", { class: "panel interfaces" }, el("h2", {}, "Network interfaces"),
     el("div", { id: "overview-interfaces" }, el("p", { class: "muted" }, "—")));
-  view.append(header, errors, panels, el("div", { class: "panels" }, volumes, interfaces));
+  view.append(header, errors, panels, el("div", { class: "panels wide" }, volumes, interfaces));
   return { errors };
 }
 
@@ -101,25 +101,24 @@ function volumeRows(volumes) {
   return list;
 }
 
-// The interface descriptions come from the daemon's library unchanged; show
-// the plain values each one has rather than guess at a fixed shape.
+// The interface descriptions come from the daemon's library as they are;
+// show the usual ones and tolerate any that are missing.
 function interfaceRows(interfaces) {
-  if (!Array.isArray(interfaces) || interfaces.length === 0) {
-    return el("p", { class: "muted" }, "No network interfaces were reported.");
+  const items = Array.isArray(interfaces) ? interfaces.filter((i) => i && typeof i === "object") : [];
+  if (items.length === 0) return el("p", { class: "muted" }, "No network interfaces were reported.");
+  const family = { AF_INET: "IPv4", AF_INET6: "IPv6" };
+  const body = el("tbody");
+  for (const item of items) {
+    body.appendChild(el("tr", {},
+      el("td", {}, text(item.name)),
+      el("td", {}, family[item.family] || text(item.family)),
+      el("td", {}, text(item.ipAddress)),
+      el("td", {}, text(item.hardwareAddress)),
+      el("td", {}, item.isPrimaryIPv4Interface === true ? "primary" : "")));
   }
-  const list = el("dl", { class: "facts" });
-  for (const item of interfaces) {
-    if (!item || typeof item !== "object") continue;
-    const name = item.name || item.interfaceName || item.bsdName || item.device || "(interface)";
-    const details = [];
-    for (const [key, value] of Object.entries(item)) {
-      if (value === name) continue;
-      if (typeof value === "string" || typeof value === "number") details.push(`${key}: ${value}`);
-      else if (Array.isArray(value) && value.every((v) => typeof v === "string")) details.push(`${key}: ${value.join(", ")}`);
-    }
-    list.append(el("dt", {}, String(name)), el("dd", {}, details.join(" · ") || "—"));
-  }
-  return list;
+  return el("table", { class: "data compact" },
+    el("thead", {}, el("tr", {}, ["Interface", "Kind", "Address", "Hardware address", ""].map((h) => el("th", {}, h)))),
+    body);
 }
 
 function fill(view, state) {

@@ -1,10 +1,11 @@
 // Processes: the server's process table, sortable by every column, with a
 // row limit, a filter, auto-refresh and, for administrators, select and end.
 //
-// Thousands of rows stay responsive because the body is built in one pass
-// into a DocumentFragment with plain DOM calls, and the table has a single
-// delegated listener for header clicks and checkbox changes; no row has a
-// listener of its own.
+// Thousands of rows stay responsive because sorting and filtering work on
+// the data, the body is built in one pass into a DocumentFragment with plain
+// DOM calls, at most DRAWN_ROWS rows are drawn until asked for all, and the
+// table has a single delegated listener for header clicks and checkbox
+// changes; no row has a listener of its own.
 
 import { call } from "../api.js";
 import { el, clear, showError, confirmDialog } from "../dom.js";
@@ -12,6 +13,10 @@ import * as format from "../format.js";
 
 const REFRESH_MS = 5000;
 const DEFAULT_LIMIT = 200;
+// Laying out a table costs per cell, whatever the building; past this many
+// rows the page draws the first ones and offers the rest on request, so
+// sorting and filtering stay quick on a list of thousands.
+const DRAWN_ROWS = 1000;
 
 // CPU time arrives as whole seconds plus a microsecond part; the page joins
 // them into one "cpuTime" value so the column sorts on the full figure.
@@ -129,6 +134,7 @@ export function mount(view, session) {
   let again = false;
   let stopped = false;
   let loadedOnce = false;
+  let drawAll = false;
 
   const limit = el("input", { id: "process-limit", type: "number", min: "0", step: "50", value: String(DEFAULT_LIMIT),
     title: "The server returns the busiest processes first; 0 shows them all" });
@@ -138,6 +144,9 @@ export function mount(view, session) {
   const kill = admin ? el("button", { type: "button", id: "kill-selected", class: "danger", disabled: true }, "End selected…") : null;
   const status = el("span", { class: "updated" });
   const messages = el("div", { class: "process-messages" });
+  const moreText = el("span");
+  const more = el("p", { class: "more-rows", hidden: true }, moreText, " ",
+    el("button", { type: "button", id: "process-show-all", on: { click: () => { drawAll = true; render(); } } }, "Show all"));
 
   const headRow = el("tr");
   const selectAll = admin ? el("input", { type: "checkbox", class: "select-all", "aria-label": "Select all shown processes" }) : null;
@@ -149,6 +158,7 @@ export function mount(view, session) {
   const body = el("tbody");
   const tableNode = el("table", { id: "process-table", class: "data" }, el("thead", {}, headRow), body);
 
+  const note = admin ? [] : [el("p", { class: "read-only-note" }, "You may watch this server's processes; ending them needs an administrator.")];
   view.append(
     el("div", { class: "toolbar" },
       el("h1", {}, "Processes"),
@@ -159,9 +169,10 @@ export function mount(view, session) {
       kill,
       el("span", { class: "spacer" }),
       status),
-    admin ? null : el("p", { class: "read-only-note" }, "You may watch this server's processes; ending them needs an administrator."),
+    ...note,
     messages,
-    el("div", { class: "table-wrap process-wrap" }, tableNode));
+    el("div", { class: "table-wrap process-wrap" }, tableNode),
+    more);
 
   function visibleRows() {
     const needle = filter.value.trim().toLowerCase();
@@ -176,11 +187,14 @@ export function mount(view, session) {
       th.setAttribute("aria-sort", key === sortKey ? (descending ? "descending" : "ascending") : "none");
     }
     const shown = visibleRows();
+    const drawn = drawAll || shown.length <= DRAWN_ROWS ? shown : shown.slice(0, DRAWN_ROWS);
     const fresh = document.createElement("tbody");
-    fresh.appendChild(buildRows(shown, selected, admin));
+    fresh.appendChild(buildRows(drawn, selected, admin));
     tableNode.replaceChild(fresh, tableNode.tBodies[0]);
+    more.hidden = drawn.length === shown.length;
+    moreText.textContent = `The first ${format.number(drawn.length)} of ${format.number(shown.length)} rows are shown; the filter narrows the list.`;
     status.textContent = `${format.number(shown.length)} of ${format.number(rows.length)} processes · updated ${format.time(new Date())}`;
-    updateSelectionControls(shown);
+    updateSelectionControls(drawn);
   }
 
   function updateSelectionControls(shown = null) {
