@@ -5,9 +5,13 @@
 // Safe from any thread once made; the table is read-only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "plist/value.h"
 
@@ -30,7 +34,21 @@ class CityDatabase {
   virtual ~CityDatabase() = default;
   // The city with this id; nullopt when there is none.
   virtual std::optional<City> city_by_id(uint32_t geonameid) = 0;
+  // At most limit cities whose name or ASCII name matches text (see
+  // city_match_rank), best first: by rank, then the larger population, then
+  // the smaller id. Empty when text is empty or nothing matches.
+  virtual std::vector<City> search(std::string_view text, size_t limit) = 0;
 };
+
+// How well a city's name matches text, ignoring the case of ASCII letters:
+// 0 when the name or ASCII name is text, 1 when one of them begins with
+// it, 2 when a later word of one of them does (after a space, "-", "'" or
+// "."), -1 when none of this holds or text is empty.
+int city_match_rank(std::string_view name, std::string_view ascii_name, std::string_view text);
+
+// Orders search results as CityDatabase::search promises and keeps the
+// first limit. Each match is its city_match_rank and the city.
+void order_city_matches(std::vector<std::pair<int, City>>* matches, size_t limit);
 
 // The dictionary form (newer systems), members in this order:
 //   "GeonameID" integer, "Name", "ASCIIName", "CountryCode", "AdminCode"

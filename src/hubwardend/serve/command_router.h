@@ -6,6 +6,13 @@
 // in. GET /metrics gives the Prometheus text; any other GET or HEAD is a
 // file of the web console.
 //
+// The console logs in with POST /session and then sends its session cookie
+// instead of a password. A request that carries the cookie is judged by
+// the cookie alone (an Authorization header beside it is ignored), must
+// send the session's anti-forgery token with every POST and DELETE, and
+// gets its errors as JSON {"error": ...}, never with a WWW-Authenticate
+// challenge that would make the browser ask for a password itself.
+//
 // Nothing blocks the I/O thread that calls handle(): password checks and
 // module calls run on worker pools, and the slowing-down of repeated
 // failures is a timer on the run loop. Safe from any thread.
@@ -24,7 +31,9 @@
 #include "hubwardend/serve/metrics.h"
 #include "hubwardend/serve/pam_authenticator.h"
 #include "hubwardend/serve/static_files.h"
+#include "hubwardend/serve/web_sessions.h"
 #include "hubwardend/serve/worker_pool.h"
+#include "platform/city_database.h"
 #include "platform/host_services.h"
 #include "platform/run_loop.h"
 #include "plist/value.h"
@@ -53,6 +62,10 @@ struct RouterParts {
   // The web console's files, for every GET or HEAD that names no other
   // resource; null: those answer 404.
   StaticFiles* files = nullptr;
+  // The console's logins (/session and the hw_session cookie) and its city
+  // search; null: those paths answer 404 and cookies are not looked at.
+  WebSessions* sessions = nullptr;
+  platform::CityDatabase* cities = nullptr;
 };
 
 class CommandRouter : public RequestHandler {
@@ -70,8 +83,16 @@ class CommandRouter : public RequestHandler {
   struct Call;
   // Works out the caller, then continues with next(user) or answers 401.
   void authenticate(std::shared_ptr<Call> call, std::function<void(std::shared_ptr<Call>)> next);
+  // Checks a password, slowed down by the throttle, and continues with
+  // next(user) when it is right.
+  void admit_login(std::shared_ptr<Call> call, std::string user, std::string password,
+                   std::function<void(std::shared_ptr<Call>)> next);
   void check_password(std::shared_ptr<Call> call, std::string user, std::string password,
                       std::function<void(std::shared_ptr<Call>)> next);
+  // Answers with the status and text, as JSON for the console.
+  void refuse(std::shared_ptr<Call> call, int status, const std::string& text);
+  void serve_session(std::shared_ptr<Call> call);
+  void serve_cities(std::shared_ptr<Call> call);
   void serve_metrics(std::shared_ptr<Call> call);
   void run_command(std::shared_ptr<Call> call);
   Tier tier_of(const Call& call) const;

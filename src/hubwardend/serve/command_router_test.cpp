@@ -5,6 +5,7 @@
 #include <future>
 #include <mutex>
 
+#include "platform/fake/fake_cities.h"
 #include "plist/codec.h"
 #include "plist/json.h"
 
@@ -38,7 +39,7 @@ class Passwords : public PasswordChecker {
  public:
   bool check(const std::string& user, const std::string& password) override {
     ++checks;
-    return (user == "ann" && password == "pw") || (user == "mo" && password == "pw");
+    return (user == "ann" || user == "mo" || user == "zed") && password == "pw";
   }
   std::atomic<int> checks{0};
 };
@@ -58,6 +59,12 @@ class CommandRouterTest : public ::testing::Test {
       return (user == "ann" && group == "admin") || (user == "mo" && group == "com.marlo.monitor_info");
     };
     parts.access_groups = AccessListGroups{{"com.marlo.access_ssh"}, {"com.marlo.admin_ssh"}, {}};
+    parts.sessions = &sessions_;
+    parts.cities = &cities_;
+    cities_.add(platform::fake_paris());
+    cities_.add(platform::fake_los_angeles());
+    cities_.add(platform::City{4717560, "Paris", "Paris", "US", "TX", 33.66, -95.55, 24782, "America/Chicago"});
+    cities_.add(platform::City{2657896, "Zürich", "Zurich", "CH", "ZH", 47.37, 8.55, 341730, "Europe/Zurich"});
     router_ = std::make_unique<CommandRouter>(std::move(parts));
   }
 
@@ -82,7 +89,23 @@ class CommandRouterTest : public ::testing::Test {
     return plist::write_xml(plist::Value(std::move(d)));
   }
 
+  // Logs in through the console; returns the reply.
+  HttpResponse login(const std::string& user, const std::string& password) {
+    HttpRequest r = over_https("/session", R"({"user": ")" + user + R"(", "password": ")" + password + R"("})", "");
+    r.content_type = "application/json";
+    r.origin = "https://server.example:311";
+    return send(r);
+  }
+  static HttpRequest with_cookie(HttpRequest r, const std::string& cookie, const std::string& token) {
+    r.cookie = cookie;
+    r.csrf_token = token;
+    r.content_type = "application/json";
+    return r;
+  }
+
   EchoModules modules_;
+  WebSessions sessions_;
+  platform::FakeCityDatabase cities_;
   Passwords passwords_;
   LoginThrottle throttle_;
   Metrics metrics_;
@@ -153,6 +176,123 @@ TEST_F(CommandRouterTest, TheLocalSocketNamesItsPeerWithoutAPassword) {
   local.peer_uid.reset();
   EXPECT_EQ(send(local).status, 401);
   EXPECT_EQ(passwords_.checks.load(), 0);
+}
+
+std::string header(const HttpResponse& r, const std::string& name) {
+  for (const auto& [key, value] : r.headers)
+    if (key == name) return value;
+  return "";
+}
+
+TEST_F(CommandRouterTest, ConsoleLoginsGiveSessionsToThoseWithATier) {
+  HttpResponse ok = login("ann", "pw");
+  ASSERT_EQ(ok.status, 200) << ok.body;
+  plist::Parsed reply = plist::parse_json(ok.body);
+  ASSERT_TRUE(reply.ok());
+  const plist::Dict& d = *reply.value.as_dict();
+  EXPECT_EQ(*d.find_string("user"), "ann");
+  EXPECT_EQ(*d.find_string("tier"), "admin");
+  const std::string cookie = header(ok, "Set-Cookie");
+  EXPECT_NE(cookie.find("; Path=/; HttpOnly; Secure; SameSite=Strict"), std::string::npos);
+  EXPECT_EQ(header(ok, "X-Content-Type-Options"), "nosniff");
+
+  HttpRequest again = over_https("/session", "", "");
+  again.method = "GET";
+  again.cookie = cookie.substr(0, cookie.find(';'));
+  HttpResponse picked_up = send(again);
+  EXPECT_EQ(picked_up.status, 200);
+  EXPECT_EQ(plist::parse_json(picked_up.body).value.as_dict()->find_string("csrf")->size(), 64u);
+
+  HttpResponse wrong = login("ann", "nope");
+  EXPECT_EQ(wrong.status, 401);
+  EXPECT_EQ(wrong.body, R"({"error":"wrong user name or password"})");
+  EXPECT_EQ(header(wrong, "WWW-Authenticate"), "");
+  HttpResponse outsider = login("zed", "pw");
+  EXPECT_EQ(outsider.status, 403);
+  EXPECT_EQ(header(outsider, "Set-Cookie"), "");
+  EXPECT_EQ(sessions_.size(), 1u);
+
+  HttpRequest plain_page = over_https("/session", R"({"user":"ann","password":"pw"})", "");
+  plain_page.origin = "http://evil.example";
+  EXPECT_EQ(send(plain_page).status, 403);
+  EXPECT_EQ(send(over_https("/session", R"({"user":"ann"})", "")).status, 400);
+}
+
+TEST_F(CommandRouterTest, CookieRequestsNeedTheTokenAndALiveSession) {
+  HttpResponse ann = login("ann", "pw");
+  const std::string cookie = header(ann, "Set-Cookie").substr(0, header(ann, "Set-Cookie").find(';'));
+  const std::string token = *plist::parse_json(ann.body).value.as_dict()->find_string("csrf");
+  const HttpRequest state = over_https("/commands/hubwarden_info", R"({"command":"getState"})", "");
+
+  std::string wrong = token;
+  wrong[0] = wrong[0] == 'a' ? 'b' : 'a';
+  for (const std::string& t : {std::string(), wrong}) {
+    HttpResponse refused = send(with_cookie(state, cookie, t));
+    EXPECT_EQ(refused.status, 403);
+    EXPECT_EQ(refused.body, R"({"error":"missing or wrong anti-forgery token"})");
+  }
+  EXPECT_EQ(modules_.calls, 0);
+
+  // The cookie decides, whatever Basic header comes with it.
+  HttpRequest both = with_cookie(state, cookie, token);
+  both.authorization = std::string("Basic ") + kMo;
+  HttpResponse served = send(both);
+  ASSERT_EQ(served.status, 200);
+  EXPECT_EQ(*plist::parse_json(served.body).value.as_dict()->find_string("user"), "ann");
+  EXPECT_FALSE(header(served, "Content-Security-Policy").empty());
+
+  HttpResponse mo = login("mo", "pw");
+  const std::string mo_cookie = header(mo, "Set-Cookie").substr(0, header(mo, "Set-Cookie").find(';'));
+  const std::string mo_token = *plist::parse_json(mo.body).value.as_dict()->find_string("csrf");
+  HttpRequest write = over_https("/commands/hubwarden_info", R"({"command":"writeSettings"})", "");
+  HttpResponse monitor = send(with_cookie(write, mo_cookie, mo_token));
+  EXPECT_EQ(monitor.status, 403);
+  EXPECT_EQ(monitor.body.front(), '{');
+  EXPECT_EQ(send(with_cookie(state, mo_cookie, token)).status, 403);  // another session's token
+
+  // Logging out needs the token too; afterwards the cookie is worthless.
+  HttpRequest logout = with_cookie(over_https("/session", "", ""), cookie, "");
+  logout.method = "DELETE";
+  EXPECT_EQ(send(logout).status, 403);
+  logout.csrf_token = token;
+  HttpResponse out = send(logout);
+  EXPECT_EQ(out.status, 204);
+  EXPECT_NE(header(out, "Set-Cookie").find("Max-Age=0"), std::string::npos);
+  HttpResponse expired = send(with_cookie(state, cookie, token));
+  EXPECT_EQ(expired.status, 401);
+  EXPECT_EQ(expired.body, R"({"error":"session expired"})");
+  EXPECT_EQ(header(expired, "WWW-Authenticate"), "");
+  HttpResponse forged = send(with_cookie(state, "hw_session=" + std::string(64, '0'), token));
+  EXPECT_EQ(forged.status, 401);
+
+  // Basic clients are served as before.
+  HttpResponse basic = send(over_https("/commands/hubwarden_info", command("getState"), kAnn));
+  EXPECT_EQ(basic.status, 200);
+  EXPECT_EQ(basic.content_type, "application/xml; charset=utf-8");
+}
+
+TEST_F(CommandRouterTest, CitySearchNeedsASessionAndRanksPrefixesByPopulation) {
+  HttpResponse ann = login("ann", "pw");
+  const std::string cookie = header(ann, "Set-Cookie").substr(0, header(ann, "Set-Cookie").find(';'));
+  auto search = [&](const std::string& query, const std::string& with_cookie) {
+    HttpRequest r = over_https("/console/cities?" + query, "", "");
+    r.method = "GET";
+    r.cookie = with_cookie;
+    return send(r);
+  };
+  HttpResponse paris = search("q=PAR&limit=5", cookie);
+  ASSERT_EQ(paris.status, 200);
+  EXPECT_EQ(paris.body,
+            R"([{"geonameid":2988507,"name":"Paris","country":"FR","admin":"11","zone":"Europe/Paris",)"
+            R"("population":2138551},{"geonameid":4717560,"name":"Paris","country":"US","admin":"TX",)"
+            R"("zone":"America/Chicago","population":24782}])");
+  EXPECT_EQ(search("q=paris&limit=1", cookie).body.find("Chicago"), std::string::npos);
+  EXPECT_NE(search("q=zurich", cookie).body.find("Z\u00fcrich"), std::string::npos)
+      << search("q=zurich", cookie).body;
+  EXPECT_NE(search("q=angeles", cookie).body.find("Los Angeles"), std::string::npos);
+  EXPECT_EQ(search("q=", cookie).body, "[]");
+  EXPECT_EQ(search("q=p&limit=x", cookie).status, 400);
+  EXPECT_EQ(search("q=par", "").status, 401);
 }
 
 }  // namespace

@@ -28,10 +28,11 @@
 #include "hubwardend/serve/idle_schedule.h"
 #include "hubwardend/serve/static_files.h"
 #include "hubwardend/serve/tls_identity.h"
+#include "hubwardend/serve/web_sessions.h"
 #include "hubwardend/serve/worker_pool.h"
 #include "platform/linux/host_config.h"
-#include "platform/linux/system_bus.h"
 #include "platform/linux/job_map.h"
+#include "platform/linux/system_bus.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 
@@ -140,6 +141,7 @@ class Daemon {
   serve::LoginThrottle throttle_;
   serve::Metrics metrics_;
   std::unique_ptr<serve::StaticFiles> files_;
+  serve::WebSessions sessions_;
   std::unique_ptr<serve::CommandRouter> router_;
   std::unique_ptr<serve::HttpServer> server_;
   std::unique_ptr<serve::IdleSchedule> idle_;
@@ -219,6 +221,8 @@ bool Daemon::start(std::ostream& err) {
 
   serve::RouterParts parts;
   parts.files = files_.get();
+  parts.sessions = &sessions_;
+  parts.cities = platform::find<platform::CityDatabase>();
   parts.modules = &host_->modules();
   parts.passwords = passwords_.get();
   parts.throttle = &throttle_;

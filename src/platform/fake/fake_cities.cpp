@@ -13,6 +13,21 @@ std::optional<City> FakeCityDatabase::city_by_id(uint32_t geonameid) {
   return it->second;
 }
 
+std::vector<City> FakeCityDatabase::search(std::string_view text, size_t limit) {
+  std::vector<std::pair<int, City>> matches;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [id, city] : cities_) {
+      int rank = city_match_rank(city.name, city.ascii_name, text);
+      if (rank >= 0) matches.emplace_back(rank, city);
+    }
+  }
+  order_city_matches(&matches, limit);
+  std::vector<City> found;
+  for (auto& match : matches) found.push_back(std::move(match.second));
+  return found;
+}
+
 void FakeCityDatabase::add(City city) {
   std::lock_guard<std::mutex> lock(mutex_);
   uint32_t id = city.geonameid;

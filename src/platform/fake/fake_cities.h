@@ -16,6 +16,7 @@ namespace platform {
 class FakeCityDatabase : public CityDatabase {
  public:
   std::optional<City> city_by_id(uint32_t geonameid) override;
+  std::vector<City> search(std::string_view text, size_t limit) override;
 
   // Adds city, replacing one with the same id.
   void add(City city);

@@ -141,6 +141,38 @@ bool CityTable::validate(std::string* error) {
   return true;
 }
 
+City CityTable::city_at(size_t i) const {
+  fmt::Record r = record_at(records_, i);
+  auto text = [this](const fmt::StringRef& ref) { return std::string(strings_.substr(ref.offset, ref.length)); };
+  City city;
+  city.geonameid = r.geonameid;
+  city.name = text(r.name);
+  city.ascii_name = text(r.ascii_name);
+  city.country_code = text(r.country_code);
+  city.admin_code = text(r.admin_code);
+  city.latitude = r.latitude;
+  city.longitude = r.longitude;
+  city.population = r.population;
+  city.time_zone = text(r.time_zone);
+  return city;
+}
+
+std::vector<City> CityTable::search(std::string_view text, size_t limit) {
+  if (text.empty() || limit == 0) return {};
+  std::vector<std::pair<int, City>> matches;
+  for (size_t i = 0; i < count_; ++i) {
+    fmt::Record r = record_at(records_, i);
+    int rank = city_match_rank(strings_.substr(r.name.offset, r.name.length),
+                               strings_.substr(r.ascii_name.offset, r.ascii_name.length), text);
+    if (rank >= 0) matches.emplace_back(rank, city_at(i));
+  }
+  order_city_matches(&matches, limit);
+  std::vector<City> found;
+  found.reserve(matches.size());
+  for (auto& match : matches) found.push_back(std::move(match.second));
+  return found;
+}
+
 std::optional<City> CityTable::city_by_id(uint32_t geonameid) {
   size_t lo = 0;
   size_t hi = count_;
@@ -152,19 +184,7 @@ std::optional<City> CityTable::city_by_id(uint32_t geonameid) {
     } else if (id > geonameid) {
       hi = mid;
     } else {
-      fmt::Record r = record_at(records_, mid);
-      auto text = [this](const fmt::StringRef& ref) { return std::string(strings_.substr(ref.offset, ref.length)); };
-      City city;
-      city.geonameid = r.geonameid;
-      city.name = text(r.name);
-      city.ascii_name = text(r.ascii_name);
-      city.country_code = text(r.country_code);
-      city.admin_code = text(r.admin_code);
-      city.latitude = r.latitude;
-      city.longitude = r.longitude;
-      city.population = r.population;
-      city.time_zone = text(r.time_zone);
-      return city;
+      return city_at(mid);
     }
   }
   return std::nullopt;
