@@ -344,10 +344,12 @@ function notificationsField(value) {
     body.append(el("fieldset", { class: "notification", "data-rule": name }, el("legend", {}, title), ...parts));
   }
 
+  // Compared with the tidied copy, so that tidying alone is no change.
+  const baseline = JSON.stringify(state);
   return {
     key: "notifications",
     control: body,
-    changed: () => JSON.stringify(state) !== JSON.stringify(original),
+    changed: () => JSON.stringify(state) !== baseline,
     value: () => state,
   };
 }
