@@ -26,6 +26,11 @@ const LOG_ERRORS = {
   UNKNOWN_LOG_IDENTIFIER_ERR: "the server does not know this log",
 };
 
+// "the system log", for sentences.
+function logWords(id) {
+  return `the ${(NAMES[id] || id).toLowerCase()}`;
+}
+
 // The module's own error names for logs, in words; anything else as the
 // request helpers put it.
 function explain(error, what) {
@@ -107,7 +112,7 @@ export function mount(view, session) {
   }
 
   async function tail(offset, amount) {
-    return call("tailFile", { identifier, offset, amount }, `Reading the ${NAMES[identifier] || identifier}`, options);
+    return call("tailFile", { identifier, offset, amount }, `Reading ${logWords(identifier)}`, options);
   }
 
   // Where a window ends, when that can be told from its start: a window
@@ -164,7 +169,7 @@ export function mount(view, session) {
       } catch (error) {
         if (controller.signal.aborted) return;
         clear(problems);
-        showError(problems, explain(error, `Following the ${NAMES[identifier] || identifier}`));
+        showError(problems, explain(error, `Following ${logWords(identifier)}`));
       }
       schedule();
     }, FOLLOW_MS);
@@ -183,7 +188,7 @@ export function mount(view, session) {
     } catch (error) {
       if (controller.signal.aborted) return;
       clear(problems);
-      showError(problems, explain(error, `Reading the ${NAMES[identifier] || identifier}`));
+      showError(problems, explain(error, `Reading ${logWords(identifier)}`));
       // The page itself works; only this log could not be read.
       view.dataset.state = "ready";
     }
