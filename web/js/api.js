@@ -184,7 +184,7 @@ async function request(method, path, body, what, signal) {
 }
 
 export async function call(command, fields = {}, what = "The request", { signal } = {}) {
-  return request("POST", "/commands/hubwarden_info", { ...fields, command }, what, signal);
+  return request("POST", "/commands/hubwarden_info", { command, ...fields }, what, signal);
 }
 
 export async function getJSON(path, what = "The request", { signal } = {}) {
