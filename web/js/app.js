@@ -66,7 +66,7 @@ function showLogin(message) {
   unmountCurrent();
   session = null;
   api.setSession(null);
-  document.body.classList.remove("tier-admin", "tier-monitor", "starting");
+  document.body.classList.remove("tier-admin", "tier-monitor");
   shell.hidden = true;
   clear(view);
   view.setAttribute("data-page", "");
@@ -139,7 +139,7 @@ async function fetchServerName() {
 
 function enter(newSession) {
   session = { user: newSession.user, tier: newSession.tier === "admin" ? "admin" : "monitor" };
-  document.body.classList.remove("starting", "tier-admin", "tier-monitor");
+  document.body.classList.remove("tier-admin", "tier-monitor");
   document.body.classList.add(`tier-${session.tier}`);
   whoami.textContent = `${session.user} (${TIER_WORDS[session.tier]})`;
   loginView.hidden = true;
@@ -196,6 +196,7 @@ document.addEventListener("hubwarden:computer-name", (event) => {
 window.addEventListener("hashchange", route);
 
 async function start() {
+  document.getElementById("boot-message")?.remove();
   try {
     const existing = await api.currentSession();
     if (existing) enter(existing);
