@@ -103,9 +103,12 @@ void CommandRouter::handle(HttpRequest request, Respond respond) {
   const std::string& target = call->request.target;
   const std::string_view path = path_of(target);
   // The cookie decides for the console's requests; Basic and the socket's
-  // credentials are for other clients.
+  // credentials are for other clients. A console page whose cookie is gone
+  // (logged out in another tab) still sends its token, and must get the
+  // console's answer rather than the browser's own password dialog.
   call->console = parts_.sessions && call->request.entrance == Entrance::kHttps &&
-                  call->request.cookie.find(std::string(kSessionCookieName) + "=") != std::string::npos;
+                  (call->request.cookie.find(std::string(kSessionCookieName) + "=") != std::string::npos ||
+                   !call->request.csrf_token.empty());
 
   if (parts_.sessions && path == kSessionPath) {
     call->console = true;

@@ -264,6 +264,11 @@ TEST_F(CommandRouterTest, CookieRequestsNeedTheTokenAndALiveSession) {
   EXPECT_EQ(header(expired, "WWW-Authenticate"), "");
   HttpResponse forged = send(with_cookie(state, "hw_session=" + std::string(64, '0'), token));
   EXPECT_EQ(forged.status, 401);
+  // The browser dropped the cookie (a logout in another tab); the page's
+  // token alone still marks it as the console.
+  HttpResponse cookieless = send(with_cookie(state, "", token));
+  EXPECT_EQ(cookieless.status, 401);
+  EXPECT_EQ(header(cookieless, "WWW-Authenticate"), "");
 
   // Basic clients are served as before.
   HttpResponse basic = send(over_https("/commands/hubwarden_info", command("getState"), kAnn));
@@ -282,13 +287,11 @@ TEST_F(CommandRouterTest, CitySearchNeedsASessionAndRanksPrefixesByPopulation) {
   };
   HttpResponse paris = search("q=PAR&limit=5", cookie);
   ASSERT_EQ(paris.status, 200);
-  EXPECT_EQ(paris.body,
-            R"([{"geonameid":2988507,"name":"Paris","country":"FR","admin":"11","zone":"Europe/Paris",)"
-            R"("population":2138551},{"geonameid":4717560,"name":"Paris","country":"US","admin":"TX",)"
-            R"("zone":"America/Chicago","population":24782}])");
+  EXPECT_EQ(paris.body, R"([{"geonameid":2988507,"name":"Paris","country":"FR","admin":"11","zone":"Europe/Paris",)"
+                        R"("population":2138551},{"geonameid":4717560,"name":"Paris","country":"US","admin":"TX",)"
+                        R"("zone":"America/Chicago","population":24782}])");
   EXPECT_EQ(search("q=paris&limit=1", cookie).body.find("Chicago"), std::string::npos);
-  EXPECT_NE(search("q=zurich", cookie).body.find("Z\u00fcrich"), std::string::npos)
-      << search("q=zurich", cookie).body;
+  EXPECT_NE(search("q=zurich", cookie).body.find("Z\u00fcrich"), std::string::npos) << search("q=zurich", cookie).body;
   EXPECT_NE(search("q=angeles", cookie).body.find("Los Angeles"), std::string::npos);
   EXPECT_EQ(search("q=", cookie).body, "[]");
   EXPECT_EQ(search("q=p&limit=x", cookie).status, 400);

@@ -357,6 +357,7 @@ class Connection final : public ConnectionBase, public std::enable_shared_from_t
     parser_.reset();
     keep_alive_ = message.keep_alive();
     version_ = message.version();
+    answering_head_ = message.method() == http::verb::head;
     // Checked again: stop_accepting may have come while the body arrived.
     if (core_->stopping) return refuse(503, "The server is stopping\n");
 
@@ -393,6 +394,7 @@ class Connection final : public ConnectionBase, public std::enable_shared_from_t
   // error the stream's position is unknown.
   void refuse(int status, std::string text) {
     if (parser_ && parser_->is_header_done()) version_ = parser_->get().version();
+    answering_head_ = false;  // the connection closes after it: the text may as well be read
     disarm();
     send(HttpResponse{status, "text/plain; charset=utf-8", std::move(text), {}}, false);
   }
@@ -405,8 +407,9 @@ class Connection final : public ConnectionBase, public std::enable_shared_from_t
     bool bodiless = reply.status == 204 || reply.status == 304 || (reply.status >= 100 && reply.status < 200);
     if (!bodiless) {
       if (!reply.content_type.empty()) message->set(http::field::content_type, reply.content_type);
-      message->body() = std::move(reply.body);
-      message->content_length(message->body().size());
+      size_t length = reply.body.size();
+      if (!answering_head_) message->body() = std::move(reply.body);
+      message->content_length(length);
     }
     for (auto& [name, value] : reply.headers) message->insert(name, value);
     message->keep_alive(keep_alive);
@@ -453,6 +456,8 @@ class Connection final : public ConnectionBase, public std::enable_shared_from_t
   std::optional<http::request_parser<http::string_body>> parser_;
   unsigned version_ = 11;
   bool keep_alive_ = false;
+  // A reply to HEAD announces the length of the body it leaves out.
+  bool answering_head_ = false;
   bool first_request_ = true;
   bool in_flight_ = false;
   bool closed_ = false;
