@@ -1,11 +1,16 @@
 // Processes: the server's process table, sortable by every column, with a
 // row limit, a filter, auto-refresh and, for administrators, select and end.
 //
-// Thousands of rows stay responsive because sorting and filtering work on
-// the data, the body is built in one pass into a DocumentFragment with plain
-// DOM calls, at most DRAWN_ROWS rows are drawn until asked for all, and the
-// table has a single delegated listener for header clicks and checkbox
-// changes; no row has a listener of its own.
+// A list of tens of thousands stays responsive because the page never lays
+// out more than a screenful: the table sits in a scroll box of fixed height,
+// only the rows in view (plus a few either side) are in the DOM, and a
+// spacer row above and below them gives the scroll bar its true size. Rows
+// have one fixed height and the table a fixed layout with set column
+// widths, so placing a row never means measuring the others. Sorting and
+// filtering work on the data array, once per change; scrolling only redraws
+// the window, at most once a frame. Selection lives in a set of PIDs, not in
+// checkboxes, so it outlasts scrolling, sorting, filtering and refreshes.
+// The table has a single delegated handler; no row has a listener of its own.
 
 import { call } from "../api.js";
 import { el, clear, showError, confirmDialog } from "../dom.js";
@@ -13,10 +18,12 @@ import * as format from "../format.js";
 
 const REFRESH_MS = 5000;
 const DEFAULT_LIMIT = 200;
-// Laying out a table costs per cell, whatever the building; past this many
-// rows the page draws the first ones and offers the rest on request, so
-// sorting and filtering stay quick on a list of thousands.
-const DRAWN_ROWS = 1000;
+// Rows drawn beyond each edge of the view, so a short scroll shows drawn
+// rows while the next frame catches up.
+const OVERSCAN = 8;
+// Until a drawn row can be measured (style.css sets the real height).
+const ASSUMED_ROW_HEIGHT = 26;
+const ASSUMED_VIEW_ROWS = 40;
 
 // CPU time arrives as whole seconds plus a microsecond part; the page joins
 // them into one "cpuTime" value so the column sorts on the full figure.
@@ -46,14 +53,21 @@ function cpuTime(seconds) {
   return h > 0 ? `${h}:${String(m).padStart(2, "0")}:${rest}` : `${m}:${rest}`;
 }
 
+// Numeric columns become numbers here, once, so a sort compares numbers and
+// never converts; a missing figure is NaN, which shows as a dash and sorts
+// as zero.
 export function normalise(processInfo) {
   const rows = [];
   for (const p of Array.isArray(processInfo) ? processInfo : []) {
     if (!p || typeof p !== "object") continue;
-    const row = { ...p };
-    row.PID = Number(p.PID);
+    const pid = Number(p.PID);
+    if (!Number.isInteger(pid)) continue;
+    const row = {};
+    for (const column of COLUMNS) if (column.numeric) row[column.key] = p[column.key] == null ? NaN : Number(p[column.key]);
+    row.PID = pid;
     row.Command = typeof p.Command === "string" ? p.Command : "";
     row.cpuTime = (Number(p.TotalSeconds) || 0) + (Number(p.TotalMicroSeconds) || 0) / 1e6;
+    row.needle = row.Command.toLowerCase();
     rows.push(row);
   }
   return rows;
@@ -61,46 +75,59 @@ export function normalise(processInfo) {
 
 const collator = new Intl.Collator(undefined, { numeric: true, sensitivity: "base" });
 
-// Ties break on PID so equal rows keep a steady order across refreshes.
+// Text is ranked through its distinct values (a busy server runs many
+// processes of few names), so the costly collation runs on those alone and
+// the rows themselves sort by a number. Ties break on PID so equal rows keep
+// a steady order across refreshes.
 export function sortProcesses(rows, key, descending) {
   const column = COLUMNS.find((c) => c.key === key) || COLUMNS[0];
   const direction = descending ? -1 : 1;
-  const compare = column.numeric
-    ? (a, b) => ((Number(a[key]) || 0) - (Number(b[key]) || 0)) * direction || a.PID - b.PID
-    : (a, b) => collator.compare(a[key] ?? "", b[key] ?? "") * direction || a.PID - b.PID;
-  return rows.slice().sort(compare);
+  if (column.numeric) {
+    return rows.slice().sort((a, b) => ((a[column.key] || 0) - (b[column.key] || 0)) * direction || a.PID - b.PID);
+  }
+  const distinct = Array.from(new Set(rows.map((r) => String(r[column.key] ?? "")))).sort(collator.compare);
+  const rank = new Map(distinct.map((text, i) => [text, i]));
+  const keyed = rows.map((r) => ({ r, k: rank.get(String(r[column.key] ?? "")) }));
+  keyed.sort((a, b) => (a.k - b.k) * direction || a.r.PID - b.r.PID);
+  return keyed.map((x) => x.r);
 }
 
-// One pass, plain DOM calls: at 5,000 rows the helpers' generality costs.
-export function buildRows(rows, selected, withSelection) {
-  const fragment = document.createDocumentFragment();
-  for (const row of rows) {
-    const tr = document.createElement("tr");
-    tr.dataset.pid = String(row.PID);
-    if (withSelection) {
-      const td = document.createElement("td");
-      td.className = "select";
-      const box = document.createElement("input");
-      box.type = "checkbox";
-      box.className = "select-process";
-      box.setAttribute("aria-label", `Select ${row.Command} (${row.PID})`);
-      if (selected.has(row.PID)) {
-        box.checked = true;
-        tr.className = "selected";
-      }
-      td.appendChild(box);
-      tr.appendChild(td);
+export function filterProcesses(rows, text) {
+  const needle = text.trim().toLowerCase();
+  if (!needle) return rows;
+  return rows.filter((r) => r.needle.includes(needle) || String(r.PID).includes(needle));
+}
+
+function buildRow(row, index, selected, withSelection) {
+  const tr = document.createElement("tr");
+  tr.dataset.pid = String(row.PID);
+  // Stripes follow the row's place in the list, not in the drawn window,
+  // so they do not flicker while scrolling.
+  let classes = index % 2 ? "alt" : "";
+  if (withSelection) {
+    const td = document.createElement("td");
+    td.className = "select";
+    const box = document.createElement("input");
+    box.type = "checkbox";
+    box.className = "select-process";
+    box.setAttribute("aria-label", `Select ${row.Command} (${row.PID})`);
+    if (selected.has(row.PID)) {
+      box.checked = true;
+      classes += " selected";
     }
-    for (const column of COLUMNS) {
-      const td = document.createElement("td");
-      if (column.numeric) td.className = "numeric";
-      const value = row[column.key];
-      td.textContent = column.format ? column.format(value) : value ?? "";
-      tr.appendChild(td);
-    }
-    fragment.appendChild(tr);
+    td.appendChild(box);
+    tr.appendChild(td);
   }
-  return fragment;
+  if (classes) tr.className = classes;
+  for (const column of COLUMNS) {
+    const td = document.createElement("td");
+    if (column.numeric) td.className = "numeric";
+    const value = row[column.key];
+    td.textContent = column.format ? column.format(value) : value ?? "";
+    if (column.key === "Command") td.title = row.Command;
+    tr.appendChild(td);
+  }
+  return tr;
 }
 
 function describeKill(reply, names) {
@@ -127,6 +154,9 @@ export function mount(view, session) {
   const controller = new AbortController();
   const selected = new Set();
   let rows = [];
+  let byPid = new Map();
+  let sorted = [];
+  let shown = [];
   let sortKey = "CPUUsage";
   let descending = true;
   let timer = 0;
@@ -134,7 +164,12 @@ export function mount(view, session) {
   let again = false;
   let stopped = false;
   let loadedOnce = false;
-  let drawAll = false;
+  let frame = 0;
+  let drawn = { first: -1, last: -1 };
+  let rowHeight = ASSUMED_ROW_HEIGHT;
+  let headHeight = 0;
+  let measured = false;
+  let viewHeight = 0;
 
   const limit = el("input", { id: "process-limit", type: "number", min: "0", step: "50", value: String(DEFAULT_LIMIT),
     title: "The server returns the busiest processes first; 0 shows them all" });
@@ -144,19 +179,26 @@ export function mount(view, session) {
   const kill = admin ? el("button", { type: "button", id: "kill-selected", class: "danger", disabled: true }, "End selected…") : null;
   const status = el("span", { class: "updated" });
   const messages = el("div", { class: "process-messages" });
-  const moreText = el("span");
-  const more = el("p", { class: "more-rows", hidden: true }, moreText, " ",
-    el("button", { type: "button", id: "process-show-all", on: { click: () => { drawAll = true; render(); } } }, "Show all"));
 
+  const columnCount = COLUMNS.length + (admin ? 1 : 0);
+  const cols = el("colgroup");
   const headRow = el("tr");
-  const selectAll = admin ? el("input", { type: "checkbox", class: "select-all", "aria-label": "Select all shown processes" }) : null;
-  if (admin) headRow.appendChild(el("th", { class: "select" }, selectAll));
+  const selectAll = admin ? el("input", { type: "checkbox", class: "select-all", "aria-label": "Select all listed processes" }) : null;
+  if (admin) {
+    cols.appendChild(el("col", { class: "col-select" }));
+    headRow.appendChild(el("th", { class: "select" }, selectAll));
+  }
   for (const column of COLUMNS) {
+    cols.appendChild(el("col", { class: `col-${column.key}` }));
     headRow.appendChild(el("th", { scope: "col", "data-sort": column.key, class: column.numeric ? "numeric" : undefined,
       tabindex: "0", "aria-sort": "none" }, column.label));
   }
+  const head = el("thead", {}, headRow);
   const body = el("tbody");
-  const tableNode = el("table", { id: "process-table", class: "data" }, el("thead", {}, headRow), body);
+  const tableNode = el("table", { id: "process-table", class: "data" }, cols, head, body);
+  const spacerAbove = el("tr", { class: "spacer", "aria-hidden": "true" }, el("td", { colspan: String(columnCount) }));
+  const spacerBelow = el("tr", { class: "spacer", "aria-hidden": "true" }, el("td", { colspan: String(columnCount) }));
+  const scroller = el("div", { class: "table-wrap process-wrap" }, tableNode);
 
   const note = admin ? [] : [el("p", { class: "read-only-note" }, "You may watch this server's processes; ending them needs an administrator.")];
   view.append(
@@ -171,38 +213,92 @@ export function mount(view, session) {
       status),
     ...note,
     messages,
-    el("div", { class: "table-wrap process-wrap" }, tableNode),
-    more);
+    scroller);
 
-  function visibleRows() {
-    const needle = filter.value.trim().toLowerCase();
-    const sorted = sortProcesses(rows, sortKey, descending);
-    if (!needle) return sorted;
-    return sorted.filter((r) => r.Command.toLowerCase().includes(needle) || String(r.PID).includes(needle));
-  }
-
-  function render() {
+  // The whole list changed order: sort once, then filter and draw.
+  function resort() {
     for (const th of headRow.querySelectorAll("th[data-sort]")) {
       const key = th.getAttribute("data-sort");
       th.setAttribute("aria-sort", key === sortKey ? (descending ? "descending" : "ascending") : "none");
     }
-    const shown = visibleRows();
-    const drawn = drawAll || shown.length <= DRAWN_ROWS ? shown : shown.slice(0, DRAWN_ROWS);
-    const fresh = document.createElement("tbody");
-    fresh.appendChild(buildRows(drawn, selected, admin));
-    tableNode.replaceChild(fresh, tableNode.tBodies[0]);
-    more.hidden = drawn.length === shown.length;
-    moreText.textContent = `The first ${format.number(drawn.length)} of ${format.number(shown.length)} rows are shown; the filter narrows the list.`;
-    status.textContent = `${format.number(shown.length)} of ${format.number(rows.length)} processes · updated ${format.time(new Date())}`;
-    updateSelectionControls(drawn);
+    sorted = sortProcesses(rows, sortKey, descending);
+    refilter();
   }
 
-  function updateSelectionControls(shown = null) {
+  function refilter() {
+    shown = filterProcesses(sorted, filter.value);
+    drawWindow(true);
+    updateSelectionControls();
+  }
+
+  function scheduleDraw() {
+    if (!frame) frame = requestAnimationFrame(() => { frame = 0; drawWindow(false); });
+  }
+
+  // Draws the rows in view; `force` after the list itself changed, else only
+  // when scrolling moved the window.
+  function drawWindow(force) {
+    if (stopped) return;
+    if (!viewHeight) viewHeight = scroller.clientHeight;
+    const inView = viewHeight > 0 ? Math.ceil(viewHeight / rowHeight) : ASSUMED_VIEW_ROWS;
+    const top = Math.max(0, scroller.scrollTop - headHeight);
+    // After the list shrinks the box may still be scrolled past its new end
+    // until the browser clamps it; draw the last screenful meanwhile.
+    let first = Math.min(Math.floor(top / rowHeight), Math.max(0, shown.length - inView)) - OVERSCAN;
+    first = Math.max(0, first);
+    const last = Math.min(shown.length, first + inView + 2 * OVERSCAN);
+    if (!force && first === drawn.first && last === drawn.last) return;
+    drawn = { first, last };
+
+    const focused = document.activeElement;
+    const focusedPid = focused && focused.classList.contains("select-process") && body.contains(focused)
+      ? focused.closest("tr").dataset.pid : null;
+
+    const fragment = document.createDocumentFragment();
+    spacerAbove.style.height = `${first * rowHeight}px`;
+    spacerAbove.hidden = first === 0;
+    fragment.appendChild(spacerAbove);
+    for (let i = first; i < last; i++) fragment.appendChild(buildRow(shown[i], i, selected, admin));
+    if (!shown.length && loadedOnce) {
+      fragment.appendChild(el("tr", { class: "empty" }, el("td", { colspan: String(columnCount) },
+        rows.length ? "No process matches the filter." : "The server listed no processes.")));
+    }
+    spacerBelow.style.height = `${(shown.length - last) * rowHeight}px`;
+    spacerBelow.hidden = last === shown.length;
+    fragment.appendChild(spacerBelow);
+    body.replaceChildren(fragment);
+
+    if (focusedPid !== null) {
+      const box = body.querySelector(`tr[data-pid="${focusedPid}"] input.select-process`);
+      if (box) box.focus({ preventScroll: true });
+    }
+    // One measurement of a real row, in case fonts or zoom made rows taller
+    // than the style sheet's figure; the spacers then need redrawing once.
+    if (!measured && last - first >= 2 && viewHeight > 0) {
+      measured = true;
+      // The distance between two rows, not one row's box: collapsed borders
+      // make the first row's box differ from the pitch.
+      const height = body.rows[2].getBoundingClientRect().top - body.rows[1].getBoundingClientRect().top;
+      headHeight = head.getBoundingClientRect().height;
+      if (height > 0 && Math.abs(height - rowHeight) > 0.1) {
+        rowHeight = height;
+        drawWindow(true);
+      }
+    }
+  }
+
+  function updateSelectionControls() {
     if (!admin) return;
     kill.disabled = selected.size === 0;
     kill.textContent = selected.size ? `End ${selected.size} selected…` : "End selected…";
-    const list = shown || Array.from(tableNode.tBodies[0].rows, (tr) => ({ PID: Number(tr.dataset.pid) }));
-    selectAll.checked = list.length > 0 && list.every((r) => selected.has(r.PID));
+    let count = 0;
+    for (const row of shown) if (selected.has(row.PID)) count++;
+    selectAll.checked = shown.length > 0 && count === shown.length;
+    selectAll.indeterminate = count > 0 && count < shown.length;
+  }
+
+  function updateStatus() {
+    status.textContent = `${format.number(rows.length)} processes · updated ${format.time(new Date())}`;
   }
 
   async function load() {
@@ -221,16 +317,21 @@ export function mount(view, session) {
     try {
       const reply = await call("listProcesses", fields, "Reading the process list", { signal: controller.signal });
       if (stopped) return;
-      rows = normalise(reply && reply.processInfo);
-      // A process that is gone can no longer be ended; forget it.
-      const present = new Set(rows.map((r) => r.PID));
-      for (const pid of selected) if (!present.has(pid)) selected.delete(pid);
-      for (const old of messages.querySelectorAll(".load-error")) old.remove();
-      render();
-      if (!loadedOnce) {
-        loadedOnce = true;
-        view.setAttribute("data-state", "ready");
+      const fresh = normalise(reply && reply.processInfo);
+      const freshByPid = new Map(fresh.map((r) => [r.PID, r]));
+      // A process that is gone can no longer be ended, and its PID may now
+      // belong to another program: forget it.
+      for (const pid of selected) {
+        const now = freshByPid.get(pid);
+        if (!now || now.Command !== byPid.get(pid)?.Command) selected.delete(pid);
       }
+      rows = fresh;
+      byPid = freshByPid;
+      for (const old of messages.querySelectorAll(".load-error")) old.remove();
+      loadedOnce = true;
+      resort();
+      updateStatus();
+      view.setAttribute("data-state", "ready");
     } catch (error) {
       if (stopped || (error && error.name === "AbortError")) return;
       clear(messages);
@@ -261,74 +362,85 @@ export function mount(view, session) {
       sortKey = key;
       descending = !!column.numeric; // the biggest numbers are usually the interesting ones
     }
-    render();
+    scroller.scrollTop = 0;
+    resort();
   }
 
-  tableNode.addEventListener("click", (event) => {
-    const th = event.target.closest("th[data-sort]");
-    if (th) onSort(th.getAttribute("data-sort"));
-  });
-  tableNode.addEventListener("keydown", (event) => {
-    const th = event.target.closest("th[data-sort]");
-    if (th && (event.key === "Enter" || event.key === " ")) {
-      event.preventDefault();
-      onSort(th.getAttribute("data-sort"));
+  function onSelect(box) {
+    if (box === selectAll) {
+      for (const row of shown) {
+        if (selectAll.checked) selected.add(row.PID);
+        else selected.delete(row.PID);
+      }
+      drawWindow(true);
+    } else {
+      const tr = box.closest("tr");
+      const pid = Number(tr.dataset.pid);
+      if (box.checked) selected.add(pid);
+      else selected.delete(pid);
+      tr.classList.toggle("selected", box.checked);
     }
-  });
-  if (admin) {
-    tableNode.addEventListener("change", (event) => {
-      const box = event.target;
-      if (box === selectAll) {
-        for (const tr of tableNode.tBodies[0].rows) {
-          const pid = Number(tr.dataset.pid);
-          if (selectAll.checked) selected.add(pid);
-          else selected.delete(pid);
-          tr.classList.toggle("selected", selectAll.checked);
-          tr.querySelector("input.select-process").checked = selectAll.checked;
-        }
-      } else if (box.classList.contains("select-process")) {
-        const tr = box.closest("tr");
-        const pid = Number(tr.dataset.pid);
-        if (box.checked) selected.add(pid);
-        else selected.delete(pid);
-        tr.classList.toggle("selected", box.checked);
-      } else {
-        return;
-      }
-      updateSelectionControls();
-    });
-    kill.addEventListener("click", async () => {
-      const pids = Array.from(selected);
-      if (!pids.length) return;
-      const names = new Map(rows.filter((r) => selected.has(r.PID)).map((r) => [r.PID, r.Command || "(no name)"]));
-      const question = el("div", {},
-        el("p", {}, pids.length === 1 ? "End this process?" : `End these ${pids.length} processes?`),
-        el("ul", {}, pids.slice(0, 20).map((pid) => el("li", {}, `${names.get(pid) ?? "process"} (PID ${pid})`))),
-        pids.length > 20 ? el("p", {}, `… and ${pids.length - 20} more.`) : null,
-        el("p", { class: "muted" }, "Each is asked to stop; one that cannot be asked is stopped at once. Unsaved work in them is lost."));
-      if (!(await confirmDialog(question, pids.length === 1 ? "End process" : "End processes")) || stopped) return;
-      kill.disabled = true;
-      clear(messages);
-      try {
-        const reply = await call("killProcesses", { pids }, "Ending the processes", { signal: controller.signal });
-        if (stopped) return;
-        const outcome = describeKill(reply, names);
-        for (const pid of outcome.ended) selected.delete(pid);
-        messages.appendChild(el("div", { class: outcome.ok ? "ok-message kill-result" : "error-message kill-result", role: "status" },
-          outcome.lines.map((line) => el("p", {}, line))));
-      } catch (error) {
-        if (stopped || (error && error.name === "AbortError")) return;
-        showError(messages, error);
-      }
-      updateSelectionControls();
-      load();
-    });
+    updateSelectionControls();
   }
+
+  async function onKill() {
+    const pids = Array.from(selected).sort((a, b) => a - b);
+    if (!pids.length) return;
+    const names = new Map(pids.map((pid) => [pid, byPid.get(pid)?.Command || "(no name)"]));
+    const question = el("div", {},
+      el("p", {}, pids.length === 1 ? "End this process?" : `End these ${pids.length} processes?`),
+      el("ul", {}, pids.slice(0, 20).map((pid) => el("li", {}, `${names.get(pid)} (PID ${pid})`))),
+      pids.length > 20 ? el("p", {}, `… and ${pids.length - 20} more.`) : null,
+      el("p", { class: "muted" }, "Each is asked to stop; one that cannot be asked is stopped at once. Unsaved work in them is lost."));
+    if (!(await confirmDialog(question, pids.length === 1 ? "End process" : "End processes")) || stopped) return;
+    kill.disabled = true;
+    clear(messages);
+    try {
+      const reply = await call("killProcesses", { pids }, "Ending the processes", { signal: controller.signal });
+      if (stopped) return;
+      const outcome = describeKill(reply, names);
+      for (const pid of outcome.ended) selected.delete(pid);
+      messages.appendChild(el("div", { class: outcome.ok ? "ok-message kill-result" : "error-message kill-result", role: "status" },
+        outcome.lines.map((line) => el("p", {}, line))));
+    } catch (error) {
+      if (stopped || (error && error.name === "AbortError")) return;
+      showError(messages, error);
+    }
+    updateSelectionControls();
+    load();
+  }
+
+  function onTableEvent(event) {
+    const target = event.target;
+    if (event.type === "change") {
+      if (admin && (target === selectAll || target.classList.contains("select-process"))) onSelect(target);
+      return;
+    }
+    const th = target.closest("th[data-sort]");
+    if (!th) return;
+    if (event.type === "keydown") {
+      if (event.key !== "Enter" && event.key !== " ") return;
+      event.preventDefault();
+    }
+    onSort(th.getAttribute("data-sort"));
+  }
+  for (const type of ["click", "keydown", "change"]) tableNode.addEventListener(type, onTableEvent);
+  if (admin) kill.addEventListener("click", onKill);
+
+  scroller.addEventListener("scroll", scheduleDraw, { passive: true });
+  const resizes = new ResizeObserver(() => {
+    viewHeight = scroller.clientHeight;
+    scheduleDraw();
+  });
+  resizes.observe(scroller);
 
   let filterFrame = 0;
   filter.addEventListener("input", () => {
     cancelAnimationFrame(filterFrame);
-    filterFrame = requestAnimationFrame(render);
+    filterFrame = requestAnimationFrame(() => {
+      scroller.scrollTop = 0;
+      refilter();
+    });
   });
   limit.addEventListener("change", load);
   refresh.addEventListener("click", load);
@@ -346,6 +458,8 @@ export function mount(view, session) {
       stopped = true;
       clearTimeout(timer);
       cancelAnimationFrame(filterFrame);
+      cancelAnimationFrame(frame);
+      resizes.disconnect();
       controller.abort();
     },
   };
